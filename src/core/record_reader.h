@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 #include <vector>
@@ -37,11 +38,19 @@ class RecordReader {
     return read(&record, sizeof record);
   }
 
-  /// Copies the next `count` floats; false when `count` is negative or the record has fewer left.
-  [[nodiscard]] bool readFloats(int count, std::vector<float>& out) {
-    if (count < 0 || static_cast<size_t>(count) > remaining() / sizeof(float)) return false;
-    out.resize(static_cast<size_t>(count));
-    return read(out.data(), out.size() * sizeof(float));
+  /// The next `count` floats: in place, or as a copy in `spare` where the record does not keep them aligned. Null when
+  /// `count` is negative or the record has fewer left. Stays valid as long as the record and `spare` do.
+  [[nodiscard]] const float* takeFloats(int count, std::vector<float>& spare) {
+    if (count < 0 || static_cast<size_t>(count) > remaining() / sizeof(float)) return nullptr;
+    const size_t bytes = static_cast<size_t>(count) * sizeof(float);
+    if (reinterpret_cast<uintptr_t>(cursor()) % alignof(float) == 0) {
+      const float* inPlace = reinterpret_cast<const float*>(cursor());
+      offset_ += bytes;
+      return inPlace;
+    }
+    spare.resize(static_cast<size_t>(count) + 1);  // never empty: its address must not be null
+    memcpyWithOffsetUpdate(data_, spare.data(), bytes, &offset_);
+    return spare.data();
   }
 
  private:

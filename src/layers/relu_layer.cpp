@@ -1,0 +1,40 @@
+// "ReLU": y = x where x is positive, else 0; a NaN becomes 0.
+#include "cpu/simd/kernels.h"
+#include "layers/lifecycle.h"
+#include "layers/registry.h"
+
+namespace corvalith {
+namespace {
+
+class ReluCPUImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    cpuKernels().relu(floats(bottoms[0]), floats(tops[0]), tops[0]->getSize());
+    return 0;
+  }
+};
+
+constexpr LayerTraits kTraits{RecordFamily::kBasicOnly,
+                              1,
+                              1,
+                              true,
+                              {"Error: Unmatched ReLU layer's basic parameter", nullptr, "ReLULayer bottom count error",
+                               "ReLULayer top data create fail", "ReLULayer impl init fail",
+                               "ReLULayer impl forward fail", "ReLULayer reshape bottom count error",
+                               "ReLULayer reshape top count error", "relu reshape fail",
+                               "ReLULayer impl reshape fail"}};
+
+}  // namespace
+
+class ReLULayer final : public StandardLayer {
+ public:
+  ReLULayer(CORVALITH_DATATYPE dataType, Context* context) : StandardLayer(kTraits, dataType, context) {}
+
+ protected:
+  std::unique_ptr<Impl> makeImpl() override { return make<ReluCPUImpl>(); }
+};
+
+CORVALITH_REGISTER_LAYER("ReLU", ReLULayer)
+
+}  // namespace corvalith
