@@ -66,7 +66,7 @@ extern CORVALITH_API pthread_mutex_t GLOBAL_LOCK;
 /**
  * Builds an agent with `count` compute slots. The first call in a process also discovers the devices.
  * @param device_types  `count` values of CORVALITH_DEVICETYPE, one per slot
- * @param data_types    `count` values of CORVALITH_DATATYPE, one per slot
+ * @param data_types    `count` values, one per slot: CORVALITH_FP16 or CORVALITH_FP32
  * @param device_ids    `count` device ids, one per slot; 0 for a CPU slot
  * @param count         number of slots; 0 gives an agent without slots, a negative count is refused
  * @return the agent's handle, to be given to CorvalithRelease in the end, or NULL
