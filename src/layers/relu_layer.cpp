@@ -15,15 +15,15 @@ class ReluCPUImpl final : public Impl {
   }
 };
 
-constexpr LayerTraits kTraits{RecordFamily::kBasicOnly,
-                              1,
-                              1,
-                              true,
-                              {"Error: Unmatched ReLU layer's basic parameter", nullptr, "ReLULayer bottom count error",
-                               "ReLULayer top data create fail", "ReLULayer impl init fail",
-                               "ReLULayer impl forward fail", "ReLULayer reshape bottom count error",
-                               "ReLULayer reshape top count error", "relu reshape fail",
-                               "ReLULayer impl reshape fail"}};
+constexpr LayerTraits kTraits{
+    RecordFamily::kBasicOnly,
+    1,
+    1,
+    true,
+    {"Error: Unmatched ReLU layer's basic parameter", nullptr, "ReLULayer bottom count error",
+     "ReLULayer top data create fail", "ReLULayer impl init fail", "ReLULayer impl forward fail",
+     "ReLULayer reshape bottom count error", "ReLULayer reshape top count error", "relu reshape fail",
+     "ReLULayer impl reshape fail"}};
 
 }  // namespace
 

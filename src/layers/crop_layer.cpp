@@ -1,0 +1,66 @@
+// "Crop": cuts a window of input 1's height and width out of every plane of input 0.
+#include <cstring>
+
+#include "core/log.h"
+#include "layers/lifecycle.h"
+#include "layers/registry.h"
+
+namespace corvalith {
+namespace {
+
+class CropCPUImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const CropParam& param = *static_cast<const CropParam*>(record);
+    const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
+    const size_t inWidth = static_cast<size_t>(in.w), width = static_cast<size_t>(out.w);
+    const size_t planes = static_cast<size_t>(out.n) * static_cast<size_t>(out.c);
+    const float* x = floats(bottoms[0]) + param.offset_h * inWidth + param.offset_w;
+    float* y = floats(tops[0]);
+    for (size_t plane = 0; plane < planes; ++plane, x += static_cast<size_t>(in.h) * inWidth) {
+      for (size_t row = 0; row < static_cast<size_t>(out.h); ++row, y += width) {
+        std::memcpy(y, x + row * inWidth, width * sizeof(float));
+      }
+    }
+    return 0;
+  }
+};
+
+constexpr LayerTraits kTraits{
+    RecordFamily::kSpecialThenRest,
+    2,
+    2,
+    false,
+    {"Error: Unmatched Crop layer's basic parameter %d %zu", nullptr, "CropLayer bottom count error",
+     "CropLayer top data create fail", "CropLayer impl init fail", "CropLayer impl forward fail", nullptr, nullptr,
+     "Crop reshape fail", "CropLayer impl reshape fail"}};
+
+}  // namespace
+
+class CropLayer final : public StandardLayer {
+ public:
+  CropLayer(CORVALITH_DATATYPE dataType, Context* context)
+      : StandardLayer(kTraits, dataType, context, &param_, sizeof param_) {}
+
+ protected:
+  int topShape(Shape& top) override {
+    if (param_.axis != 2) {
+      logError("CropLayer just support axis 2");
+      return kRefusedAndLogged;
+    }
+    const Shape in = bottomShape(0), size = bottomShape(1);
+    if (int64_t{param_.offset_h} + size.h > in.h || int64_t{param_.offset_w} + size.w > in.w) return -1;
+    top = {in.n, in.c, size.h, size.w};
+    return 0;
+  }
+
+  std::unique_ptr<Impl> makeImpl() override { return make<CropCPUImpl>(); }
+
+ private:
+  CropParam param_;
+};
+
+CORVALITH_REGISTER_LAYER("Crop", CropLayer)
+
+}  // namespace corvalith

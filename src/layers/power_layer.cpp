@@ -1,0 +1,59 @@
+// "Power": y = (scale * x + shift) raised to an integer power. Never works in place.
+#include <cmath>
+
+#include "cpu/simd/kernels.h"
+#include "layers/lifecycle.h"
+#include "layers/registry.h"
+
+namespace corvalith {
+namespace {
+
+class PowerCPUImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    if (bottoms.empty() || tops.empty()) return -1;
+    const PowerParam& param = *static_cast<const PowerParam*>(record);
+    const float* x = floats(bottoms[0]);
+    float* y = floats(tops[0]);
+    const int count = tops[0]->getSize();
+    if (param.power == 1) {
+      cpuKernels().scaleShift(x, y, static_cast<size_t>(count), param.scale, param.shift);
+      return 0;
+    }
+    const double power = param.power;
+    for (int i = 0; i < count; ++i) {
+      const double base = std::fma(param.scale, x[i], param.shift);
+      y[i] = static_cast<float>(std::pow(base, power));
+    }
+    return 0;
+  }
+};
+
+constexpr LayerTraits kTraits{
+    RecordFamily::kSpecialRequired,
+    1,
+    1,
+    false,
+    {"Error: Unmatched power layer's basic parameter", "Error: Unmatched power layer's special parameter",
+     "PowerLayer bottom count error", nullptr, "PowerLayer impl init fail", "PowerLayer impl forward fail",
+     "PowerLayer reshape bottom count error", "PowerLayer reshape top count error", "power reshape fail",
+     "PowerLayer impl reshape fail"}};
+
+}  // namespace
+
+class PowerLayer final : public StandardLayer {
+ public:
+  PowerLayer(CORVALITH_DATATYPE dataType, Context* context)
+      : StandardLayer(kTraits, dataType, context, &param_, sizeof param_) {}
+
+ protected:
+  std::unique_ptr<Impl> makeImpl() override { return make<PowerCPUImpl>(); }
+
+ private:
+  PowerParam param_;
+};
+
+CORVALITH_REGISTER_LAYER("Power", PowerLayer)
+
+}  // namespace corvalith

@@ -1,0 +1,44 @@
+// "Tanh": y = tanh(x), worked out in double precision.
+#include <cmath>
+
+#include "layers/lifecycle.h"
+#include "layers/registry.h"
+
+namespace corvalith {
+namespace {
+
+class TanhCPUImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const float* x = floats(bottoms[0]);
+    float* y = floats(tops[0]);
+    const int count = tops[0]->getSize();
+    for (int i = 0; i < count; ++i) y[i] = static_cast<float>(std::tanh(static_cast<double>(x[i])));
+    return 0;
+  }
+};
+
+constexpr LayerTraits kTraits{
+    RecordFamily::kBasicOnly,
+    1,
+    1,
+    true,
+    {"Error: Unmatched Tanh layer's basic parameter", nullptr, "TanhLayer bottom count error",
+     "TanhLayer top data create fail", "TanhLayer impl init fail", "TanhLayer impl forward fail",
+     "TanhLayer reshape bottom count error", "TanhLayer reshape top count error", "tanh reshape fail",
+     "TanhLayer impl reshape fail"}};
+
+}  // namespace
+
+class TanhLayer final : public StandardLayer {
+ public:
+  TanhLayer(CORVALITH_DATATYPE dataType, Context* context) : StandardLayer(kTraits, dataType, context) {}
+
+ protected:
+  std::unique_ptr<Impl> makeImpl() override { return make<TanhCPUImpl>(); }
+};
+
+CORVALITH_REGISTER_LAYER("Tanh", TanhLayer)
+
+}  // namespace corvalith
