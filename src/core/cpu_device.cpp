@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "core/log.h"
 
@@ -24,10 +25,11 @@ struct SlotSync {
                            // thread than the one that took it gives it back
 };
 
-SlotSync& syncOf(int index) {
-  static SlotSync syncs[kMaxCpuSlots];
-  return syncs[index];
-}
+// Made while the library is loaded, so that it outlives the devices: these are made at the first call into the library
+// and stop their workers when the process exits.
+SlotSync syncs[kMaxCpuSlots];
+
+SlotSync& syncOf(int index) { return syncs[index]; }
 
 void giveParamBack(SlotSync& sync) {
   std::lock_guard<std::mutex> lock(sync.paramMutex);
@@ -81,7 +83,12 @@ int CPUDevice::deviceInit() {
   coresOnline_ = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
   threadNum_ = slotCount;
   for (int i = 0; i < kMaxCpuSlots; ++i) slots_[i].core = kFirstCore + i;
-  for (int i = 1; i < threadNum_; ++i) threads_[i] = std::thread(threadFun, &slots_[i]);
+  try {
+    for (int i = 1; i < threadNum_; ++i) threads_[i] = std::thread(threadFun, &slots_[i]);
+  } catch (const std::exception&) {
+    destroyThreads();
+    return -1;
+  }
   return 0;
 }
 
@@ -149,7 +156,7 @@ int CPUDevice::startThreadRunning() {
   for (int i = 1; i < threadNum_; ++i) {
     SlotSync& sync = syncOf(i);
     std::lock_guard<std::mutex> lock(sync.waitMutex);
-    if (!slots_[i].wake.exchange(true)) sync.wakeUp.notify_one();
+    if (!slots_[i].wake.exchange(true)) sync.wakeUp.notify_all();  // a second device's worker may sleep here too
   }
   slots_[0].fn(slots_[0].param);
   giveParamBack(syncOf(0));
@@ -198,7 +205,7 @@ void CPUDevice::destroyThreads() {
     SlotSync& sync = syncOf(i);
     std::lock_guard<std::mutex> lock(sync.waitMutex);
     slots_[i].exit.store(true);
-    sync.wakeUp.notify_one();
+    sync.wakeUp.notify_all();
   }
   for (std::thread& thread : threads_) {
     if (thread.joinable()) thread.join();
