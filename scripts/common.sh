@@ -22,7 +22,3 @@ install_packages() {
 build_packages=(g++ cmake make ccache protobuf-compiler libprotobuf-dev libcli11-dev nlohmann-json3-dev libpng-dev
                 libjpeg-dev)
 
-# npm comes with Debian's npm package, or with a Node.js from elsewhere.
-install_fetch_packages() {
-  command -v npm >/dev/null || install_packages npm
-}
