@@ -8,30 +8,45 @@
 namespace corvalith::testing {
 namespace {
 
-std::vector<std::string>& captured() {
-  static std::vector<std::string> lines;
+/// Every line with a zero behind it. Has room from the start: memory may be what the test lets run out.
+std::string& captured() {
+  static std::string lines;
   return lines;
 }
 
 void capture(LogPriority priority, const char* text) {
-  captured().push_back((priority == LogPriority::kError ? "E/" : "D/") + std::string(text));
+  captured() += priority == LogPriority::kError ? "E/" : "D/";
+  captured() += text;
+  captured() += '\0';
 }
 
 }  // namespace
 
 LogCapture::LogCapture() {
   captured().clear();
+  captured().reserve(1 << 16);
   setLogSink(capture);
 }
 
 LogCapture::~LogCapture() { setLogSink(nullptr); }
 
-const std::vector<std::string>& LogCapture::lines() const { return captured(); }
-
-bool LogCapture::contains(const std::string& line) const {
-  return std::find(captured().begin(), captured().end(), line) != captured().end();
+std::vector<std::string> LogCapture::lines() const {
+  std::vector<std::string> result;
+  for (size_t start = 0; start < captured().size(); start += result.back().size() + 1) {
+    result.emplace_back(captured().c_str() + start);
+  }
+  return result;
 }
 
-std::vector<std::string> LogCapture::take() { return std::exchange(captured(), {}); }
+bool LogCapture::contains(const std::string& line) const {
+  const std::vector<std::string> all = lines();
+  return std::find(all.begin(), all.end(), line) != all.end();
+}
+
+std::vector<std::string> LogCapture::take() {
+  std::vector<std::string> all = lines();
+  captured().clear();
+  return all;
+}
 
 }  // namespace corvalith::testing

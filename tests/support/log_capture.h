@@ -14,7 +14,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<std::string>& lines() const;
+  std::vector<std::string> lines() const;
   bool contains(const std::string& line) const;
   /// The lines so far; none are left.
   std::vector<std::string> take();
