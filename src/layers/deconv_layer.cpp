@@ -1,0 +1,40 @@
+// "Deconv": transposed convolution with bias. No device has an implementation yet, so initialising one fails.
+#include "core/log.h"
+#include "layers/conv_base.h"
+#include "layers/registry.h"
+
+namespace corvalith {
+namespace {
+
+constexpr LayerTraits kTraits{
+    RecordFamily::kSpecialThenRest,
+    1,
+    1,
+    false,
+    {"Error: Unmatched Deconv layer's basic parameter", nullptr, "DeconvLayer bottom count error", nullptr,
+     "DeconvLayer impl init fail", "DeconvLayer impl forward fail", "DeconvLayer reshape bottom count error",
+     "DeconvLayer reshape top count error", "deconv reshape fail", "DeconvLayer impl reshape fail"}};
+
+constexpr WeightedMessages kTexts{"deconv layer dump weight bias failed",
+                                  "DeconvLayer impl_ not exit in dumpImplWeight"};
+
+}  // namespace
+
+class DeconvLayer final : public ConvBaseLayer {
+ public:
+  DeconvLayer(CORVALITH_DATATYPE dataType, Context* context) : ConvBaseLayer(kTraits, kTexts, dataType, context) {}
+
+ protected:
+  int64_t outputSize(int64_t input, int64_t kernel, int64_t stride, int64_t pad) const override {
+    return kernel + stride * (input - 1) - 2 * pad;
+  }
+
+  std::unique_ptr<Impl> makeImpl() override {
+    logError("%s", messages().implInit);
+    return nullptr;
+  }
+};
+
+CORVALITH_REGISTER_LAYER("Deconv", DeconvLayer)
+
+}  // namespace corvalith
