@@ -18,7 +18,7 @@ struct LayerCase {
   double tolerance = 1e-5;   // largest difference, as a part of the reference's largest magnitude
   float inputScale = 1.0f;   // inputs are noise in [-inputScale, inputScale]
   uint32_t seed = 1;
-  std::function<void(std::vector<Tensor>&)> prepare;  // may put special values into the inputs
+  std::function<void(std::vector<Tensor>&)> prepare = {};  // may put special values into the inputs
 };
 
 /// What the layer must give, in double precision, from plain loops.
