@@ -6,8 +6,9 @@
 namespace corvalith {
 
 /// One build of all inner loops. Pointers need no alignment beyond a float's; ranges may be empty; in and out may be
-/// the same range where both have one length. A NaN is never greater than anything, so it becomes 0 in `relu`. Every
-/// output depends on its own inputs only, not on where a range begins or ends: work may be split anywhere.
+/// the same range where both have one length. A NaN is never greater than anything, so it becomes 0 in `relu`. An
+/// output has the same bits wherever it stands in a range, so work may be split anywhere (sumPoolRow alone is an
+/// exception).
 struct CpuKernels {
   const char* name;  // instruction set
 

@@ -1,0 +1,189 @@
+// Every build of the inner loops that this processor runs, on ranges around the vector length.
+#include "cpu/simd/kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "tests/support/test_net.h"
+
+namespace corvalith::testing {
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr size_t kMaxLength = 35;
+
+class KernelsTest : public ::testing::TestWithParam<const CpuKernels*> {
+ protected:
+  const CpuKernels& k = *GetParam();
+};
+
+std::vector<const CpuKernels*> builds() {
+  std::vector<const CpuKernels*> all = {&kBaseKernels};
+  if (&cpuKernels() != all[0]) all.push_back(&cpuKernels());
+  return all;
+}
+
+std::string nameOf(const ::testing::TestParamInfo<const CpuKernels*>& info) { return info.param->name; }
+
+/// Exactly n values, so that a sanitizer sees any access beyond them, with special ones among them.
+std::vector<float> values(size_t n, uint32_t seed) {
+  std::vector<float> x = noise(n, seed, 3.0f);
+  const float special[] = {kNaN, -0.0f, 0.0f, -kNaN, kInfinity, -kInfinity, 1e-40f};
+  for (size_t i = 0; i < n; i += 3) x[i] = special[i / 3 % std::size(special)];
+  x.shrink_to_fit();
+  return x;
+}
+
+void expectSame(const std::vector<float>& got, const std::vector<float>& want, float tolerance) {
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < got.size(); ++i) {
+    if (std::isnan(want[i]) ? std::isnan(got[i]) : got[i] == want[i]) continue;
+    EXPECT_NEAR(got[i], want[i], tolerance) << "value " << i << " of " << got.size();
+  }
+}
+
+/// Runs `kernel(x, b, y, n)` on every length, once into an array of its own and once in place.
+template <class Kernel, class Value>
+void checkElementwise(Kernel kernel, Value value, float tolerance = 0) {
+  for (size_t n = 0; n <= kMaxLength; ++n) {
+    const std::vector<float> x = values(n, 1), b = noise(n, 2);
+    std::vector<float> y = noise(n, 3), want(n);
+    for (size_t i = 0; i < n; ++i) want[i] = value(x[i], b[i], y[i]);
+    kernel(x.data(), b.data(), y.data(), n);
+    expectSame(y, want, tolerance);
+    y = x;
+    for (size_t i = 0; i < n; ++i) want[i] = value(x[i], b[i], x[i]);
+    kernel(y.data(), b.data(), y.data(), n);
+    expectSame(y, want, tolerance);
+  }
+}
+
+TEST_P(KernelsTest, Elementwise) {
+  using Floats = const float*;
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.relu(x, y, n); },
+                   [](float x, float, float) { return x > 0 ? x : 0; });
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.prelu(x, y, n, 0.25f); },
+                   [](float x, float, float) { return x > 0 ? x : x * 0.25f; });
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.scaleShift(x, y, n, 1.5f, -0.3f); },
+                   [](float x, float, float) { return x * 1.5f - 0.3f; }, 1e-6f);
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.normalize(x, y, n, 0.3f, 0.7f); },
+                   [](float x, float, float) { return (x - 0.3f) / 0.7f; });
+  checkElementwise([&](Floats x, Floats b, float* y, size_t n) { k.multiply(x, b, y, n); },
+                   [](float x, float b, float) { return x * b; });
+  checkElementwise([&](Floats x, Floats b, float* y, size_t n) { k.maximum(x, b, y, n); },
+                   [](float x, float b, float) { return x > b ? x : b; });
+  checkElementwise([&](Floats x, Floats b, float* y, size_t n) { k.maximum(b, x, y, n); },
+                   [](float x, float b, float) { return b > x ? b : x; });
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.scale(x, y, n, 0.3f); },
+                   [](float x, float, float) { return x * 0.3f; });
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.addScaled(x, y, n, 0.3f); },
+                   [](float x, float, float y) { return y + x * 0.3f; }, 1e-6f);
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { std::copy_n(x, n, y), k.addBias(y, n, 0.3f); },
+                   [](float x, float, float) { return x + 0.3f; });
+  checkElementwise([&](Floats x, Floats, float* y, size_t n) { std::copy_n(x, n, y), k.addBiasRelu(y, n, 0.3f); },
+                   [](float x, float, float) { return x + 0.3f > 0 ? x + 0.3f : 0; });
+}
+
+TEST_P(KernelsTest, DotProductsAreTheSameHoweverTheyAreSplit) {
+  for (const size_t depth : {0, 1, 3, 4, 7, 8, 9, 16, 21, 31, 700}) {
+    for (size_t aRows = 0; aRows <= 5; ++aRows) {
+      for (size_t bRows = 0; bRows <= 7; ++bRows) {
+        const size_t stride = depth + 2, yStride = bRows + 1;
+        const std::vector<float> a = noise(aRows * stride, 1), b = noise(bRows * stride, 2);
+        const std::vector<float> before = noise(aRows * yStride, 3);
+        std::vector<float> y = before, single = before;
+        k.dotProducts(a.data(), aRows, b.data(), bRows, stride, depth, y.data(), yStride);
+        for (size_t m = 0; m < aRows; ++m) {
+          EXPECT_EQ(y[m * yStride + bRows], before[m * yStride + bRows]) << "written between the rows";
+          for (size_t n = 0; n < bRows; ++n) {
+            double sum = before[m * yStride + n];
+            for (size_t i = 0; i < depth; ++i) sum += static_cast<double>(a[m * stride + i]) * b[n * stride + i];
+            EXPECT_NEAR(y[m * yStride + n], sum, 1e-5) << aRows << "x" << bRows << ", depth " << depth;
+            k.dotProducts(a.data() + m * stride, 1, b.data() + n * stride, 1, stride, depth,
+                          single.data() + m * yStride + n, yStride);
+          }
+        }
+        EXPECT_EQ(y, single) << aRows << "x" << bRows << ", depth " << depth;
+      }
+    }
+  }
+}
+
+TEST_P(KernelsTest, DotProductsOverManyRows) {
+  const size_t aRows = 500, depth = 301;  // more than one cache block of rows
+  const std::vector<float> a = noise(aRows * depth, 1), b = noise(depth, 2);
+  std::vector<float> y(aRows);
+  k.dotProducts(a.data(), aRows, b.data(), 1, depth, depth, y.data(), 1);
+  for (size_t m = 0; m < aRows; ++m) {
+    double sum = 0;
+    for (size_t i = 0; i < depth; ++i) sum += static_cast<double>(a[m * depth + i]) * b[i];
+    EXPECT_NEAR(y[m], sum, 1e-5) << m;
+  }
+}
+
+TEST_P(KernelsTest, PoolRows) {
+  for (size_t stride = 1; stride <= 4; ++stride) {
+    for (size_t columns = 0; columns <= 18; ++columns) {
+      for (const size_t rows : {0, 1, 3}) {
+        for (const size_t n : {1, 3, 8, 9, 16, 21}) {
+          const size_t width = (n - 1) * stride + columns;
+          const std::vector<float> clean = noise(rows * width, 5), dirty = values(rows * width, 5);
+          std::vector<float> maxima(n), sums(n), wantMaxima(n, -999999.9f), wantSums(n, 0);
+          k.maxPoolRow(dirty.data(), width, rows, columns, stride, maxima.data(), n);
+          k.sumPoolRow(clean.data(), width, rows, columns, stride, sums.data(), n);
+          for (size_t i = 0; i < n; ++i) {
+            for (size_t r = 0; r < rows; ++r) {
+              for (size_t c = 0; c < columns; ++c) {
+                const float x = dirty[r * width + i * stride + c];
+                if (x > wantMaxima[i]) wantMaxima[i] = x;
+                wantSums[i] += clean[r * width + i * stride + c];
+              }
+            }
+          }
+          SCOPED_TRACE("stride " + std::to_string(stride) + ", columns " + std::to_string(columns));
+          expectSame(maxima, wantMaxima, 0);
+          expectSame(sums, wantSums, 1e-5f);
+        }
+      }
+    }
+  }
+}
+
+TEST_P(KernelsTest, SlideSquares) {
+  for (const bool enters : {false, true}) {
+    for (const bool leaves : {false, true}) {
+      checkElementwise([&](const float* x, const float* b, float* y,
+                           size_t n) { k.slideSquares(x, enters ? b : nullptr, leaves ? b : nullptr, y, n, 0.5f); },
+                       [&](float x, float b, float) { return x + 0.5f * b * b * static_cast<float>(enters - leaves); },
+                       1e-6f);
+    }
+  }
+}
+
+TEST_P(KernelsTest, Powers) {
+  std::vector<float> base;
+  for (double b = 1e-30; b < 1e30; b *= 1.37) base.push_back(static_cast<float>(b));
+  for (float b = 0.5f; b < 2.0f; b += 0.0123f) base.push_back(b);
+  const std::vector<float> x = noise(base.size(), 1);
+  std::vector<float> y(base.size());
+  for (const float exponent : {-0.75f, -1.0f, -0.1f, 0.0f, 1.2f}) {
+    k.powerTimes(base.data(), x.data(), y.data(), base.size(), exponent);
+    for (size_t i = 0; i < base.size(); ++i) {
+      const double want = std::pow(static_cast<double>(base[i]), exponent) * x[i];
+      EXPECT_NEAR(y[i], want, std::fabs(want) * 1e-5) << base[i] << "^" << exponent;
+    }
+  }
+  const std::vector<float> none = {0.0f, -0.0f, -1.0f, -kInfinity, kNaN, -1e-40f};
+  const std::vector<float> ones(none.size(), 1.0f);
+  k.powerTimes(none.data(), ones.data(), y.data(), none.size(), -0.75f);
+  for (size_t i = 0; i < none.size(); ++i) EXPECT_TRUE(std::isnan(y[i])) << none[i];
+}
+
+INSTANTIATE_TEST_SUITE_P(Builds, KernelsTest, ::testing::ValuesIn(builds()), nameOf);
+
+}  // namespace
+}  // namespace corvalith::testing

@@ -1,0 +1,76 @@
+// Layers whose work is spread over the slots: the same bits for every number of slots, and a clear failure without any.
+#include <gtest/gtest.h>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/test_net.h"
+
+namespace corvalith::testing {
+namespace {
+
+struct SpreadLayer {
+  std::string name;
+  Shape in;
+  tools::ModelLayer layer;
+};
+
+std::vector<SpreadLayer> spreadLayers() {
+  std::vector<SpreadLayer> all = {
+      {"convolution split by outputs",
+       {2, 5, 9, 11},
+       layer("Conv", "out", {"in"}, ConvParam{7, 3, 3, 1, 1, 1, 1, 1, {}})},
+      {"convolution split by pixels",
+       {2, 5, 4, 3},
+       layer("Conv", "out", {"in"}, ConvParam{23, 3, 3, 1, 1, 1, 1, 1, {}})},
+      {"fully connected", {3, 5, 4, 3}, layer("FC", "out", {"in"}, FCParam{13})},
+      {"maximum pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{0, 3, 1, 2, 0})},
+      {"normalisation", {2, 11, 5, 7}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
+  };
+  for (SpreadLayer& spread : all) {
+    size_t outputs = 0;
+    if (spread.layer.type == "Conv") outputs = static_cast<size_t>(spread.layer.specialAs<ConvParam>().num_output);
+    if (spread.layer.type == "FC") outputs = static_cast<size_t>(spread.layer.specialAs<FCParam>().num_output);
+    const size_t depth = spread.layer.type == "FC" ? 5 * 4 * 3 : 5 * 3 * 3;
+    spread.layer.weights = noise(outputs * depth, 1);
+    spread.layer.biases = noise(outputs, 2);
+  }
+  return all;
+}
+
+TEST(Slots, EveryNumberGivesTheSameBits) {
+  for (const SpreadLayer& spread : spreadLayers()) {
+    std::vector<float> one;
+    for (int slots = 1; slots <= kMaxCpuSlots; ++slots) {
+      SCOPED_TRACE(spread.name + ", slots " + std::to_string(slots));
+      TestNet net({inputLayer("in", spread.in), spread.layer}, slots);
+      ASSERT_EQ(net.status(), 0);
+      ASSERT_EQ(net.device.getThreadNum(), slots);
+      ASSERT_EQ(net.setInput("in", noise(spread.in, 3)), 0);
+      ASSERT_EQ(net.run(), 0);
+      const std::vector<float> got = net.output("out").values;
+      ASSERT_FALSE(got.empty());
+      if (slots == 1) one = got;
+      EXPECT_EQ(got, one);
+    }
+  }
+}
+
+TEST(Slots, NoneIsAFailure) {
+  for (const SpreadLayer& spread : spreadLayers()) {
+    SCOPED_TRACE(spread.name);
+    TestNet net({inputLayer("in", spread.in), spread.layer});
+    ASSERT_EQ(net.status(), 0);
+    ASSERT_EQ(net.setInput("in", noise(spread.in, 3)), 0);
+    ASSERT_EQ(net.run(), 0);
+    net.device.destroyThreads();
+    LogCapture log;
+    EXPECT_NE(net.run(), 0);
+    ASSERT_FALSE(log.lines().empty());
+    EXPECT_EQ(log.lines()[0], "E/CPU thread number must be bigger than 0");
+    if (spread.layer.type == "Conv") {
+      for (const float value : net.output("out").values) EXPECT_EQ(value, 0);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvalith::testing

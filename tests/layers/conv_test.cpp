@@ -1,0 +1,169 @@
+// Conv and Deconv.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "tests/layers/reference.h"
+#include "tests/support/log_capture.h"
+
+namespace corvalith::testing {
+namespace {
+
+constexpr int kHuge = std::numeric_limits<int>::max();
+
+struct Kernel {
+  int h, w, strideH = 1, strideW = 1, padH = 0, padW = 0;
+};
+
+LayerCase convCase(std::string name, int channels, int outputs, const Kernel& k, int group = 1,
+                   std::vector<std::vector<Shape>> sizes = {}) {
+  const ConvParam param{outputs, k.h, k.w, k.strideH, k.strideW, k.padH, k.padW, group, {}};
+  LayerCase c{std::move(name), layer("Conv", "", {}, param), std::move(sizes)};
+  if (c.sizes.empty()) {
+    c.sizes = {{{2, channels, 11, 13}}, {{3, channels, 17, 37}}, {{1, channels, 7, 8}}, {{2, channels, 19, 16}}};
+  }
+  c.layer.weights = noise(static_cast<size_t>(outputs) * (channels / group) * k.h * k.w, 7);
+  c.layer.biases = noise(static_cast<size_t>(outputs), 8);
+  return c;
+}
+
+Expected convolution(const tools::ModelLayer& layer, const std::vector<Tensor>& inputs) {
+  const ConvParam p = layer.specialAs<ConvParam>();
+  const Tensor& x = inputs[0];
+  const int channels = x.shape.c / p.group, outputs = p.num_output / p.group;
+  const Shape out{x.shape.n, p.num_output, (x.shape.h + 2 * p.pad_h - p.kernel_h) / p.stride_h + 1,
+                  (x.shape.w + 2 * p.pad_w - p.kernel_w) / p.stride_w + 1};
+  return generate(out, [&](int n, int m, int oh, int ow) {
+    double sum = layer.biases[static_cast<size_t>(m)];
+    const float* weight = layer.weights.data() + static_cast<size_t>(m) * channels * p.kernel_h * p.kernel_w;
+    for (int c = 0; c < channels; ++c) {
+      for (int kh = 0; kh < p.kernel_h; ++kh) {
+        for (int kw = 0; kw < p.kernel_w; ++kw, ++weight) {
+          const int h = oh * p.stride_h + kh - p.pad_h, w = ow * p.stride_w + kw - p.pad_w;
+          if (h < 0 || h >= x.shape.h || w < 0 || w >= x.shape.w) continue;
+          sum += static_cast<double>(*weight) * at(x, n, m / outputs * channels + c, h, w);
+        }
+      }
+    }
+    return layer.activation == CONV_ACT_RELU && !(sum > 0) ? 0 : sum;
+  });
+}
+
+std::vector<LayerCase> convCases() {
+  std::vector<LayerCase> cases = {
+      convCase("3x3", 3, 8, {3, 3, 1, 1, 1, 1}),
+      convCase("1x1 without padding", 17, 5, {1, 1}),
+      convCase("1x1 with padding", 4, 3, {1, 1, 1, 1, 1, 2}),
+      convCase("every direction another kernel, stride and pad", 3, 4, {3, 5, 2, 3, 1, 2}),
+      convCase("a row kernel", 2, 3, {1, 7, 1, 2, 0, 3}),
+      convCase("7x7, stride 2", 3, 16, {7, 7, 2, 2, 3, 3}),
+      convCase("a kernel larger than the plane", 2, 3, {5, 5, 1, 1, 2, 2}, 1, {{{1, 2, 2, 3}}, {{2, 2, 1, 1}}}),
+      convCase("a stride beyond the plane", 3, 2, {1, 1, 40, 50}),
+      convCase("three groups", 6, 9, {3, 3, 1, 1, 1, 1}, 3),
+      convCase("depthwise", 8, 8, {3, 3, 2, 2, 1, 1}, 8),
+      convCase("depthwise with two outputs a channel", 5, 10, {5, 5, 1, 1, 2, 2}, 5),
+      convCase("as many outputs as pixels", 4, 12, {3, 3}, 1, {{{1, 4, 5, 6}}, {{2, 4, 5, 5}}, {{1, 4, 6, 6}}}),
+      convCase("fewer pixels and outputs than slots", 3, 2, {3, 3}, 1, {{{1, 3, 3, 3}}, {{2, 3, 3, 4}}}),
+      convCase("one output size for two input sizes", 4, 3, {3, 3, 2, 2, 1, 1}, 1,
+               {{{1, 4, 55, 55}}, {{1, 4, 56, 56}}, {{1, 4, 55, 56}}}),
+      convCase("weights beyond one cache block", 64, 80, {3, 3, 1, 1, 1, 1}, 1, {{{1, 64, 6, 7}}}),
+  };
+  for (const int depth : {999, 1000, 2001}) {  // one, two and three chunks
+    cases.push_back(convCase("depth " + std::to_string(depth), depth, 4, {1, 1}, 1, {{{1, depth, 3, 5}}}));
+  }
+  cases.push_back(convCase("surplus weights and biases", 3, 8, {3, 3}));
+  cases.back().layer.weights.resize(cases.back().layer.weights.size() + 71, 1e9f);  // one less than for a channel more
+  cases.back().layer.biases.resize(9, 1e9f);
+  cases.push_back(convCase("a NaN spoils what it reaches", 2, 3, {3, 3, 1, 1, 1, 1}));
+  cases.back().prepare = [](std::vector<Tensor>& inputs) {
+    inputs[0].values[20] = std::numeric_limits<float>::quiet_NaN();
+  };
+  return cases;
+}
+
+TEST(Conv, MatchesThePlainLoop) {
+  for (LayerCase& c : convCases()) {
+    runLayerCase(c, convolution);
+    c.name += ", ReLU";
+    c.layer.activation = CONV_ACT_RELU;
+    runLayerCase(c, convolution);
+  }
+}
+
+void expectParamRefused(const std::string& name, void (*damage)(ConvParam&)) {
+  LayerCase c = convCase(name, 4, 6, {3, 3}, 2);
+  ConvParam param = c.layer.specialAs<ConvParam>();
+  damage(param);
+  c.layer.setSpecial(param);
+  expectInitRefused(c, "E/convLayer impl init fail");
+}
+
+TEST(Conv, RefusesRecordsThatMakeNoSense) {
+  expectParamRefused("no outputs", [](ConvParam& p) { p.num_output = 0; });
+  expectParamRefused("negative outputs", [](ConvParam& p) { p.num_output = -6; });
+  expectParamRefused("no kernel", [](ConvParam& p) { p.kernel_w = 0; });
+  expectParamRefused("a kernel that wraps", [](ConvParam& p) { p.kernel_h = p.kernel_w = 1 << 30; });
+  expectParamRefused("no stride", [](ConvParam& p) { p.stride_h = 0; });
+  expectParamRefused("a negative pad", [](ConvParam& p) { p.pad_w = -1; });
+  expectParamRefused("no groups", [](ConvParam& p) { p.group = 0; });
+  expectParamRefused("groups that do not divide the inputs", [](ConvParam& p) { p.group = 3; });
+  expectParamRefused("another kernel than the weights'", [](ConvParam& p) { p.kernel_h = 2; });
+  expectParamRefused("other groups than the weights'", [](ConvParam& p) { p.group = 1; });
+  expectParamRefused("an output beyond 32 bits", [](ConvParam& p) { p.pad_h = kHuge; });
+  expectParamRefused("an output beyond memory", [](ConvParam& p) { p.pad_h = p.pad_w = 1 << 28; });
+
+  expectInitRefused(convCase("no output rows", 1, 1, {12, 1}), "E/convLayer impl init fail");
+  LayerCase c = convCase("groups that do not divide the outputs", 4, 6, {1, 1}, 2);
+  ConvParam param = c.layer.specialAs<ConvParam>();
+  param.group = 4;
+  c.layer.setSpecial(param);
+  c.layer.weights.resize(6);
+  expectInitRefused(c, "E/convLayer impl init fail");
+  c = convCase("a bias short", 4, 6, {1, 1});
+  c.layer.biases.pop_back();
+  expectInitRefused(c, "E/convLayer impl init fail");
+  c = convCase("an activation that does not exist", 4, 6, {1, 1});
+  c.layer.activation = 2;
+  expectInitRefused(c, "D/unsupported activationType!!");
+}
+
+TEST(Conv, RefusesScratchBeyondMemory) {
+  expectInitRefused(convCase("pad buffer", 1, 1, {1, 1, kHuge, kHuge, 1 << 30, 1 << 30}),
+                    "E/ConvCPUGEMMImpl pad buffer create fail");
+  LayerCase c = convCase("convert buffer", 1, 1, {17, 17, 1, 1, 8, 8}, 1, {{{1, 1, 1000, 1000}}});
+  expectInitRefused(c, "E/ConvCPUGEMMImpl convert buffer create fail");
+  c.layer.activation = CONV_ACT_RELU;
+  expectInitRefused(c, "E/ConvCPUGEMMImpl convert buffer create fail");
+  c.sizes = {{{1, 1, 20, 20}}, {{1, 1, 1000, 1000}}};
+  expectReshapeRefused(c, "E/reshape failed");
+}
+
+TEST(Conv, RefusesInputsThatTheWeightsDoNotFit) {
+  LayerCase c = convCase("channels", 4, 6, {3, 3}, 1, {{{1, 4, 9, 9}}, {{1, 6, 9, 9}}});
+  expectReshapeRefused(c, "E/conv reshape failed");
+  c.sizes[1] = {{1, 4, 9, 2}};
+  expectReshapeRefused(c, "E/conv reshape failed");
+}
+
+TEST(Deconv, HasItsShapeButNoImplementation) {
+  LayerCase c = convCase("deconvolution", 4, 6, {4, 4, 2, 2, 1, 1}, 1, {{{1, 4, 2, 2}}});
+  c.layer.type = "Deconv";
+  expectInitRefused(c, "E/DeconvLayer impl init fail");
+
+  tools::ModelLayer deconv = c.layer;
+  deconv.name = "deconv";
+  deconv.tops = {"out"};
+  deconv.bottoms = {"in"};
+  LogCapture log;
+  TestNet net({inputLayer("in", {3, 4, 2, 5}), deconv});
+  EXPECT_NE(net.status(), 0);
+  Shape s;
+  ASSERT_EQ(net.net.getLayerOutputCount("out", &s.n, &s.c, &s.h, &s.w), 0);
+  EXPECT_EQ(s, (Shape{3, 6, 4, 10}));
+
+  c.sizes = {{{1, 3, 2, 2}}};
+  expectInitRefused(c, "E/DeconvLayer impl init fail");
+}
+
+}  // namespace
+}  // namespace corvalith::testing
