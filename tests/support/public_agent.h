@@ -1,0 +1,65 @@
+// The engine as an application sees it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "corvalith/corvalith.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/test_net.h"
+
+namespace corvalith::testing {
+
+/// Whether no call has kept the lock.
+inline bool lockIsFree() { return pthread_mutex_trylock(&GLOBAL_LOCK) == 0 && pthread_mutex_unlock(&GLOBAL_LOCK) == 0; }
+
+/// An agent with CPU slots, released with the object. Members call the function of their name on it.
+class PublicAgent {
+ public:
+  explicit PublicAgent(int slots = 1) {
+    const std::vector<int> types(static_cast<size_t>(slots) + 1, CORVALITH_CPU);
+    const std::vector<int> dataTypes(types.size(), CORVALITH_FP32), ids(types.size(), 0);
+    handle_ = CorvalithBuildAgent(types.data(), dataTypes.data(), ids.data(), slots);
+  }
+  ~PublicAgent() { CorvalithRelease(&handle_); }
+  PublicAgent(const PublicAgent&) = delete;
+  PublicAgent& operator=(const PublicAgent&) = delete;
+
+  void* handle() { return handle_; }
+  int build(const std::string& path) { return CorvalithBuildModel(handle_, path.c_str()); }
+  int initialize() { return CorvalithInitialize(handle_); }
+  int setInput(const std::string& layerName, const Tensor& tensor, int netIndex = 0) {
+    const Shape& s = tensor.shape;
+    return CorvalithSetNetInput(handle_, const_cast<float*>(tensor.values.data()), s.n, s.c, s.h, s.w,
+                                layerName.c_str(), netIndex);
+  }
+  int run() { return CorvalithExecuteNet(handle_); }
+  /// Without values when a step fails.
+  Tensor netOutput(int netIndex = 0) {
+    Tensor result;
+    Shape& s = result.shape;
+    if (CorvalithGetNetOutputSize(handle_, &s.n, &s.c, &s.h, &s.w, netIndex) != 0) return result;
+    result.values.resize(static_cast<size_t>(s.elements()));
+    const int count = static_cast<int>(result.values.size());
+    if (CorvalithGetNetOutput(handle_, result.values.data(), count, netIndex) != 0) result.values.clear();
+    return result;
+  }
+  Tensor layerOutput(const std::string& topName, int netIndex = 0) {
+    Tensor result;
+    Shape& s = result.shape;
+    if (CorvalithGetLayerOutputSize(handle_, topName.c_str(), &s.n, &s.c, &s.h, &s.w, netIndex) != 0) return result;
+    result.values.resize(static_cast<size_t>(s.elements()));
+    const int count = static_cast<int>(result.values.size());
+    if (CorvalithGetLayerOutput(handle_, result.values.data(), count, topName.c_str(), netIndex) != 0) {
+      result.values.clear();
+    }
+    return result;
+  }
+
+ private:
+  void* handle_;
+};
+
+}  // namespace corvalith::testing
