@@ -47,8 +47,9 @@ std::vector<char> modelBytes(const std::string& netName, const std::vector<Model
 /// Appends the bytes of a trivially copyable value.
 template <class Value>
 void appendBytes(std::vector<char>& out, const Value& value) {
-  const char* bytes = reinterpret_cast<const char*>(&value);
-  out.insert(out.end(), bytes, bytes + sizeof value);
+  const size_t at = out.size();
+  out.resize(at + sizeof value);
+  std::memcpy(out.data() + at, &value, sizeof value);
 }
 
 }  // namespace corvalith::tools

@@ -1,0 +1,49 @@
+// The subcommands of `corvalith`. Each returns the program's exit status and writes one clear line per error.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/common/image.h"
+#include "tools/convert/convert.h"
+
+namespace corvalith::tools {
+
+struct ConvertCommand {
+  std::vector<std::string> files;        // sources, then the model file
+  std::vector<std::string> inputShapes;  // "NAME=1,3,224,224"
+  bool noOptimize = false;
+  bool quiet = false;
+};
+int runConvert(const ConvertCommand& command);
+
+struct InspectCommand {
+  std::string model;
+  bool json = false, dot = false, prototxt = false;
+};
+int runInspect(const InspectCommand& command);
+
+struct RunCommand {
+  std::string model;
+  std::vector<std::string> inputs;   // "NAME=file.npy", or "file.npy" for the only input
+  std::vector<std::string> images;   // likewise
+  std::vector<std::string> outputs;  // "TOP=file.npy"
+  ImageOptions image;
+  int top = 5;
+  int threads = 1;
+  bool verbose = false;
+};
+int runRun(const RunCommand& command);
+
+struct BenchCommand {
+  std::vector<std::string> models;
+  int runs = 20, warmup = 3, threads = 1;
+  unsigned seed = 1;
+  bool json = false, verbose = false;
+};
+int runBench(const BenchCommand& command);
+
+/// "error: text" on standard error; gives the exit status of a failed command.
+int fail(const std::string& text);
+
+}  // namespace corvalith::tools

@@ -1,0 +1,66 @@
+#include "tools/common/files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace corvalith::tools {
+namespace {
+
+struct Closer {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, Closer>;
+
+bool failed(const std::string& action, const std::string& path, std::string& error) {
+  error = "cannot " + action + " " + path + ": " + std::strerror(errno);
+  return false;
+}
+
+}  // namespace
+
+bool readFile(const std::string& path, std::string& bytes, std::string& error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return failed("open", path, error);
+  if (!S_ISREG(info.st_mode)) {
+    error = path + " is not a regular file";
+    return false;
+  }
+  if (info.st_size > int64_t{UINT32_MAX}) {
+    error = path + " is larger than 4 GiB";
+    return false;
+  }
+  File file(std::fopen(path.c_str(), "rb"));
+  if (!file) return failed("open", path, error);
+  bytes.resize(static_cast<size_t>(info.st_size));
+  if (std::fread(bytes.data(), 1, bytes.size(), file.get()) != bytes.size()) return failed("read", path, error);
+  return true;
+}
+
+bool writeFile(const std::string& path, const void* bytes, size_t size, std::string& error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    error = path + " exists and is not a regular file";
+    return false;
+  }
+  std::string temporary = path + ".XXXXXX";
+  const int descriptor = mkstemp(temporary.data());
+  if (descriptor < 0) return failed("write", path, error);
+  const mode_t mask = umask(0);
+  umask(mask);
+  File file(fdopen(descriptor, "wb"));
+  const bool written = file && fchmod(descriptor, 0666 & ~mask) == 0 &&
+                       std::fwrite(bytes, 1, size, file.get()) == size && std::fclose(file.release()) == 0;
+  if (written && std::rename(temporary.c_str(), path.c_str()) == 0) return true;
+  failed("write", path, error);
+  unlink(temporary.c_str());
+  return false;
+}
+
+}  // namespace corvalith::tools

@@ -1,0 +1,112 @@
+// The command line of `corvalith`. What its subcommands do is in commands/.
+#include <CLI/CLI.hpp>
+#include <exception>
+
+#include "tools/commands/commands.h"
+
+namespace {
+
+using namespace corvalith::tools;
+
+/// One number for all channels, or three.
+std::array<float, 3> channels(const std::vector<float>& values) {
+  return values.size() == 1 ? std::array<float, 3>{values[0], values[0], values[0]}
+                            : std::array<float, 3>{values[0], values[1], values[2]};
+}
+
+void addChannels(CLI::App& app, const char* name, std::array<float, 3>& target, const char* help) {
+  app.add_option_function<std::vector<float>>(
+         name, [&target](const std::vector<float>& values) { target = channels(values); }, help)
+      ->delimiter(',')
+      ->type_name("N or N,N,N")
+      ->check([count = 0](const std::string&) mutable { return ++count > 3 ? "takes one number or three" : ""; })
+      ->expected(1, 3);
+}
+
+void addEngineOptions(CLI::App& app, int& threads, bool& verbose) {
+  app.add_option("--threads", threads, "CPU threads, 1 to 8")->check(CLI::Range(1, 8))->capture_default_str();
+  app.add_flag("--verbose", verbose, "show the engine's progress lines");
+}
+
+CLI::App& addConvert(CLI::App& app, ConvertCommand& command) {
+  CLI::App& sub = *app.add_subcommand("convert", "make a model file from a Caffe or ONNX network");
+  sub.footer("corvalith convert net.prototxt net.caffemodel out.cvm\ncorvalith convert net.onnx out.cvm");
+  sub.add_option("files", command.files, "the network, then the model file to write")->required()->expected(2, 3);
+  sub.add_option("--input-shape", command.inputShapes, "shape of an input instead of the network's own")
+      ->type_name("NAME=N,C,H,W");
+  sub.add_flag("--no-optimize", command.noOptimize, "fold nothing: every name of the network stays readable");
+  sub.add_flag("--quiet", command.quiet, "do not list the rewrites");
+  return sub;
+}
+
+CLI::App& addInspect(CLI::App& app, InspectCommand& command) {
+  CLI::App& sub = *app.add_subcommand("inspect", "show what a model file holds");
+  sub.add_option("model", command.model, "model file")->required();
+  CLI::Option* json = sub.add_flag("--json", command.json, "as JSON");
+  CLI::Option* dot = sub.add_flag("--dot", command.dot, "as a graph for Graphviz");
+  CLI::Option* prototxt = sub.add_flag("--prototxt", command.prototxt, "as Caffe-style text for graph viewers");
+  json->excludes(dot)->excludes(prototxt);
+  dot->excludes(prototxt);
+  return sub;
+}
+
+CLI::App& addRun(CLI::App& app, RunCommand& command) {
+  CLI::App& sub = *app.add_subcommand("run", "run a model file once");
+  sub.add_option("model", command.model, "model file")->required();
+  sub.add_option("--input", command.inputs, "float32 .npy array for an input layer; the name may be left out")
+      ->type_name("[NAME=]FILE.npy");
+  sub.add_option("--image", command.images,
+                 "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
+      ->type_name("[NAME=]FILE");
+  addChannels(sub, "--mean", command.image.mean, "subtracted from pixels (0 to 255), in the network's channel order");
+  addChannels(sub, "--scale", command.image.scale, "what the difference is multiplied by");
+  sub.add_option_function<std::string>(
+         "--channel-order", [&command](const std::string& order) { command.image.bgr = order == "bgr"; },
+         "the network's channels: rgb or bgr [rgb]")
+      ->check(CLI::IsMember({"rgb", "bgr"}))
+      ->type_name("ORDER");
+  sub.add_option("--output", command.outputs, "write a top as a .npy array")->type_name("TOP=FILE.npy");
+  sub.add_option("--top", command.top, "how many of the network output's largest values to print")
+      ->check(CLI::Range(0, 1 << 28))
+      ->capture_default_str();
+  addEngineOptions(sub, command.threads, command.verbose);
+  return sub;
+}
+
+CLI::App& addBench(CLI::App& app, BenchCommand& command) {
+  CLI::App& sub = *app.add_subcommand("bench", "time model files with random input");
+  sub.add_option("models", command.models, "model files")->required();
+  sub.add_option("--runs", command.runs, "runs that count")->check(CLI::Range(1, 1000000))->capture_default_str();
+  sub.add_option("--warmup", command.warmup, "runs before them, after the first")
+      ->check(CLI::Range(0, 1000000))
+      ->capture_default_str();
+  sub.add_option("--seed", command.seed, "seed of the input")->capture_default_str();
+  sub.add_flag("--json", command.json, "as JSON");
+  addEngineOptions(sub, command.threads, command.verbose);
+  return sub;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Corvalith: converts, inspects and runs neural networks.", "corvalith");
+  app.set_version_flag("--version", "corvalith " CORVALITH_VERSION);
+  app.require_subcommand(1);
+  ConvertCommand convert;
+  InspectCommand inspect;
+  RunCommand run;
+  BenchCommand bench;
+  int status = 0;
+  addConvert(app, convert).callback([&] { status = runConvert(convert); });
+  addInspect(app, inspect).callback([&] { status = runInspect(inspect); });
+  addRun(app, run).callback([&] { status = runRun(run); });
+  addBench(app, bench).callback([&] { status = runBench(bench); });
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error);
+  } catch (const std::bad_alloc&) {
+    return fail("out of memory");
+  }
+  return status;
+}
