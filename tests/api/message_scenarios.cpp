@@ -1,0 +1,362 @@
+#include "tests/api/message_scenarios.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "tests/support/failing_new.h"
+
+namespace corvalith::testing {
+namespace {
+
+bool isInputType(const std::string& type) { return type == "InputData" || type == "Data"; }
+
+/// A directory that goes at the end of the program.
+struct TemporaryDirectory {
+  TemporaryDirectory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "corvalith-messages-XXXXXX").string();
+    if (mkdtemp(pattern.data()) != nullptr) path = pattern;
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    if (!path.empty()) std::filesystem::remove_all(path, ignored);
+  }
+  std::filesystem::path path;
+};
+
+class BrokenImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const&, Blocks const&, void*, Block*, Block*) override { return -1; }
+  int reshape(Blocks const&, Blocks const&, void*, Block*, Block*) override { return -1; }
+};
+
+/// Reaches what Layer keeps for its derived classes.
+struct LayerMembers : Layer {
+  static std::unique_ptr<Impl> Layer::*impl() { return &LayerMembers::impl_; }
+};
+
+/// Runs `attempt`, which returns whether it had enough, with one more allocation each time.
+void untilEnough(const std::function<bool(int allocations)>& attempt) {
+  for (int allocations = 0; allocations < 64; ++allocations) {
+    if (attempt(allocations)) return;
+  }
+  ADD_FAILURE() << "never enough memory";
+}
+
+template <class Record>
+void set(tools::ModelLayer& layer, Record record) {
+  layer.setSpecial(record);
+}
+
+ConvParam smallConv() {
+  ConvParam p;
+  p.num_output = 2;
+  p.kernel_h = p.kernel_w = 2;
+  p.stride_h = p.stride_w = 1;
+  p.pad_h = p.pad_w = 1;
+  p.group = 1;
+  return p;
+}
+
+}  // namespace
+
+std::string temporaryPath(const std::string& name) {
+  static const TemporaryDirectory directory;
+  return (directory.path / name).string();
+}
+
+PublicAgent::PublicAgent(int slots) {
+  const std::vector<int> cpus(kMaxCpuSlots, CORVALITH_CPU), floats(kMaxCpuSlots, CORVALITH_FP32), ids(kMaxCpuSlots, 0);
+  handle_ = CorvalithBuildAgent(cpus.data(), floats.data(), ids.data(), slots);
+}
+
+int PublicAgent::build(const std::vector<char>& model) {
+  const std::string path = temporaryPath("model.cvm");
+  std::ofstream(path, std::ios::binary).write(model.data(), static_cast<std::streamsize>(model.size()));
+  return CorvalithBuildModel(handle_, path.c_str());
+}
+
+int PublicAgent::feed(const std::string& layerName, const Shape& s) {
+  std::vector<float> zeros(static_cast<size_t>(s.elements()));
+  return CorvalithSetNetInput(handle_, zeros.data(), s.n, s.c, s.h, s.w, layerName.c_str(), 0);
+}
+
+tools::ModelLayer valid(const std::string& type) {
+  tools::ModelLayer made = layer(type, "tested", {"in"});
+  if (type == "Concat" || type == "Eltwise" || type == "Crop" || type == "PriorBox") made.bottoms = {"in", "in2"};
+  if (type == "DetectionOutput") made.bottoms = {"in", "in2", "in3"};
+  if (isInputType(type)) made.bottoms.clear();
+  const auto uintOf = [](int value) { return static_cast<uint32_t>(value); };
+
+  if (type == "InputData")
+    set(made, InputDataParam{uintOf(kInput.n), uintOf(kInput.c), uintOf(kInput.h), uintOf(kInput.w)});
+  if (type == "Data")
+    set(made, DataParam{uintOf(kInput.n), uintOf(kInput.c), uintOf(kInput.h), uintOf(kInput.w), 2, 0, 1, {}});
+  if (type == "Conv" || type == "Deconv") {
+    set(made, smallConv());
+    made.weights.resize(2 * 3 * 2 * 2, 1);
+    made.biases.resize(2, 1);
+  }
+  if (type == "FC") {
+    set(made, FCParam{2});
+    made.weights.resize(2 * 3 * 4 * 4, 1);
+    made.biases.resize(2, 1);
+  }
+  if (type == "Pooling") set(made, PoolingParam{0, 2, 0, 2, 0});
+  if (type == "LRN") set(made, LRNParam{1, 1, 3, 1});
+  if (type == "Power") set(made, PowerParam{1, 1, 0});
+  if (type == "Dropout") set(made, DropoutParam{});
+  if (type == "PReLU") made.biases.resize(3, 1);
+  if (type == "Scale") set(made, ScaleParam{});
+  if (type == "BatchNorm") set(made, BatchNormParam{1, 0});
+  if (type == "Scale" || type == "BatchNorm") {
+    made.weights.resize(3, 1);
+    made.biases.resize(3, 1);
+  }
+  if (type == "Concat") set(made, ConcatParam{1});
+  if (type == "Eltwise") set(made, EltwiseParam{1, {1, 1}});
+  if (type == "Crop") set(made, CropParam{2, {}, 0, 0});
+  if (type == "Flatten") set(made, FlattenParam{1, -1});
+  if (type == "Reshape") set(made, ReshapeParam{{0, -1, 1, 1}, 0, -1});
+  if (type == "Permute") set(made, PermuteParam{4, {0, 2, 3, 1}});
+  if (type == "Softmax") set(made, SoftmaxParam{1});
+  if (type == "PriorBox") {
+    PriorBoxParam p;
+    p.min_size_count = p.variance_count = p.num_priors = 1;
+    p.min_sizes[0] = p.variances[0] = 1;
+    set(made, p);
+  }
+  if (type == "DetectionOutput") {
+    DetectionOutputParam p;
+    p.num_classes = 2;
+    p.keep_top_k = 1;
+    set(made, p);
+  }
+  return made;
+}
+
+std::vector<tools::ModelLayer> netOf(const tools::ModelLayer& tested) {
+  std::vector<tools::ModelLayer> layers;
+  for (const std::string& bottom : tested.bottoms) layers.push_back(inputLayer(bottom, kInput));
+  layers.push_back(tested);
+  return layers;
+}
+
+std::vector<char> modelWithRecordSize(const std::string& type, size_t size) {
+  const tools::ModelLayer tested = valid(type);
+  std::vector<tools::ModelLayer> inputs = netOf(tested);
+  inputs.pop_back();
+  std::vector<char> bytes = tools::modelBytes("test", inputs);
+  const uint32_t layerCount = static_cast<uint32_t>(inputs.size() + 1);
+  std::memcpy(bytes.data(), &layerCount, sizeof layerCount);
+  LayerTypeHeader header{};
+  header.recordSize = static_cast<uint32_t>(size);
+  type.copy(header.type, kNameSize - 1);
+  tools::appendBytes(bytes, header);
+  std::vector<char> record = tools::layerRecord(tested);
+  record.resize(size);
+  bytes.insert(bytes.end(), record.begin(), record.end());
+  return bytes;
+}
+
+void shortRecord(const std::string& type) {
+  PublicAgent().build(modelWithRecordSize(type, sizeof(LayerBasicParam) - 1));
+}
+
+void wrongSpecial(const std::string& type) {
+  tools::ModelLayer layer = valid(type);
+  layer.special.assign(3, 0);
+  PublicAgent().build(netOf(layer));
+}
+
+void wrongBottoms(const std::string& type) {
+  tools::ModelLayer layer = valid(type);
+  layer.bottoms.clear();
+  if (isInputType(type)) layer.bottoms = {"in"};
+  initialised(layer)();
+}
+
+Scenario initialised(tools::ModelLayer layer) {
+  return [=] {
+    PublicAgent agent;
+    ASSERT_EQ(agent.build(netOf(layer)), 0);
+    CorvalithInitialize(agent.handle());
+  };
+}
+
+Scenario resized(tools::ModelLayer layer, Shape in) {
+  return [=] {
+    PublicAgent agent;
+    ASSERT_EQ(agent.build(netOf(layer)), 0);
+    ASSERT_EQ(CorvalithInitialize(agent.handle()), 0);
+    ASSERT_EQ(CorvalithExecuteNet(agent.handle()), 0);
+    ASSERT_EQ(agent.feed(layer.bottoms.empty() ? layer.name : "in", in), 0);
+    CorvalithExecuteNet(agent.handle());
+  };
+}
+
+void outOfMemoryInRun(const std::string& type) {
+  PublicAgent agent;
+  ASSERT_EQ(agent.build(netOf(valid(type))), 0);
+  ASSERT_EQ(CorvalithInitialize(agent.handle()), 0);
+  for (int number = 0;; ++number) {
+    const FailingNew memory(number);
+    const int status = CorvalithExecuteNet(agent.handle());
+    EXPECT_EQ(status, memory.happened() ? -1 : 0);
+    if (!memory.happened()) return;
+  }
+}
+
+bool FailingDevice::runsOut() { return allocationsLeft == 0 || (allocationsLeft > 0 && allocationsLeft-- == 0); }
+
+void* FailingDevice::CorvalithMalloc(int count, CORVALITH_DATATYPE type) {
+  return runsOut() ? nullptr : CPUDevice::CorvalithMalloc(count, type);
+}
+
+void* FailingDevice::CorvalithMalloc(int count, std::string typeName) {
+  return runsOut() ? nullptr : CPUDevice::CorvalithMalloc(count, std::move(typeName));
+}
+
+void* FailingDevice::CorvalithMalloc(int count, CORVALITH_DATATYPE type, const float* init) {
+  return runsOut() ? nullptr : CPUDevice::CorvalithMalloc(count, type, init);
+}
+
+Source::Source(Context* context, const std::string& top, const Shape& s)
+    : Layer(CORVALITH_FP32, context), block_(s.n, s.c, s.h, s.w, CORVALITH_FP32, context) {
+  if (block_.getData() != nullptr) block_.clear();
+  topData_[top] = &block_;
+}
+
+LayerBench::LayerBench(const tools::ModelLayer& record, const Shape& input, bool withWorkers) : record_(record) {
+  if (withWorkers) device.deviceInit();
+  for (const std::string& bottom : record.bottoms) {
+    sources.push_back(std::make_unique<Source>(&context, bottom, input));
+  }
+  layer = RegisterFactory::registry().at(record.type)(CORVALITH_FP32, &context);
+}
+
+int LayerBench::configure(const tools::ModelLayer& record, int mode, std::ofstream* dump) {
+  const std::vector<char> bytes = tools::layerRecord(record);
+  return layer->setLayerParam(bytes.data(), static_cast<int>(bytes.size()), mode, dump);
+}
+
+int LayerBench::init(size_t bottoms) {
+  std::vector<Layer*> producers;
+  for (size_t i = 0; i < std::min(bottoms, sources.size()); ++i) producers.push_back(sources[i].get());
+  return layer->initForward(producers);
+}
+
+void LayerBench::resizeInputs(const Shape& shape) {
+  const int left = std::exchange(device.allocationsLeft, -1);
+  for (const std::unique_ptr<Source>& source : sources) {
+    ASSERT_EQ(source->block().reshape(shape), 0);
+    source->block().clear();
+  }
+  if (auto* input = dynamic_cast<BaseDataLayer*>(layer.get())) {
+    ASSERT_EQ(input->getInput()->reshape(shape), 0);
+    input->getInput()->clear();
+  }
+  device.allocationsLeft = left;
+}
+
+void breakImpl(Layer& layer) { layer.*LayerMembers::impl() = std::make_unique<BrokenImpl>(CORVALITH_FP32, nullptr); }
+
+NetBench::NetBench(const std::vector<char>& image, bool nb) : model(std::make_shared<Model>()) {
+  device.deviceInit();
+  model->loadModelDataFromMemory(image.data(), static_cast<int>(image.size()));
+  model->setNbModel(nb);
+}
+
+void outOfMemoryInRecord(const std::string& type) {
+  untilEnough([&](int allocations) {
+    LayerBench bench(valid(type));
+    bench.device.allocationsLeft = allocations;
+    return bench.configure() == 0;
+  });
+}
+
+void outOfMemoryInInit(const std::string& type) {
+  untilEnough([&](int allocations) {
+    LayerBench bench(valid(type));
+    if (bench.configure() != 0) return false;
+    bench.device.allocationsLeft = allocations;
+    return bench.init() == 0;
+  });
+}
+
+void outOfMemoryInReshape(const std::string& type) {
+  untilEnough([&](int allocations) {
+    LayerBench bench(valid(type));
+    if (bench.configure() != 0 || bench.init() != 0) return false;
+    bench.device.allocationsLeft = allocations;
+    bench.resizeInputs({2, kInput.c, kInput.h, kInput.w});
+    return bench.layer->reshape() == 0;
+  });
+}
+
+void reshapedTooEarly(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  EXPECT_EQ(bench.layer->reshape(), -1);
+}
+
+void reshapedWithoutTop(const std::string& type) {
+  untilEnough([&](int allocations) {
+    LayerBench bench(valid(type));
+    if (bench.configure() != 0) return false;
+    bench.device.allocationsLeft = allocations;
+    bench.init();
+    if (bench.layer->getTopData("tested") != nullptr || bench.device.allocationsLeft > 0) return true;
+    EXPECT_EQ(bench.layer->reshape(), -1);
+    return false;
+  });
+}
+
+void emptyInput(const std::string& type) {
+  LayerBench bench(valid(type), {1, 3, 0, 4});
+  ASSERT_EQ(bench.configure(), 0);
+  EXPECT_EQ(bench.init(), -1);
+}
+
+void forwardWithBrokenImpl(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  bench.init();  // not of every type successful, but then it is the implementation that is missing
+  breakImpl(*bench.layer);
+  EXPECT_EQ(bench.layer->forward(), -1);
+}
+
+void reshapeWithBrokenImpl(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  bench.init();  // not of every type successful, but then it is the implementation that is missing
+  breakImpl(*bench.layer);
+  bench.resizeInputs({2, kInput.c, kInput.h, kInput.w});
+  EXPECT_EQ(bench.layer->reshape(), -1);
+}
+
+void runWithoutSlots(const std::string& type) {
+  LayerBench bench(valid(type), kInput, false);
+  ASSERT_EQ(bench.configure(), 0);
+  ASSERT_EQ(bench.init(), 0);
+  EXPECT_EQ(bench.layer->forward(), -1);
+}
+
+void dumpToBrokenStream(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  std::ofstream neverOpened;
+  EXPECT_EQ(bench.configure(valid(type), LOAD_DUMP, &neverOpened), -1);
+}
+
+void dumpTooEarly(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  std::ofstream out(temporaryPath("record"));
+  EXPECT_EQ(bench.configure(valid(type), LOAD_DUMP, &out), -1);
+}
+
+}  // namespace corvalith::testing

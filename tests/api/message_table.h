@@ -1,0 +1,61 @@
+// Every text that the engine logs, with its priority and the way in which the test makes the engine log it.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace corvalith::testing {
+
+/// How a row is provoked. A default one is no way at all, which the test refuses.
+struct Way {
+  enum Kind { kNone, kPublic, kClass, kReason };
+  Kind kind = kNone;
+  std::function<void(const std::string& where)> run;
+  const char* reason = "";  // why nothing provokes it
+};
+
+/// A scenario takes nothing, or the row's `where`.
+template <class Scenario>
+Way way(Way::Kind kind, Scenario scenario) {
+  if constexpr (std::is_invocable_v<Scenario>) {
+    return {kind, [scenario](const std::string&) { scenario(); }, ""};
+  } else {
+    return {kind, scenario, ""};
+  }
+}
+
+/// Through the public functions.
+template <class Scenario>
+Way publicly(Scenario scenario) {
+  return way(Way::kPublic, std::move(scenario));
+}
+
+/// On the class itself, where the public functions cannot make it happen.
+template <class Scenario>
+Way onClass(Scenario scenario) {
+  return way(Way::kClass, std::move(scenario));
+}
+
+inline Way because(const char* reason) { return {Way::kReason, nullptr, reason}; }
+
+struct Row {
+  const char* where;  // the function, class or layer type that logs it
+  char priority;      // 'E' error, 'D' debug
+  const char* text;   // the format string
+  Way way;
+  int times = 1;  // how often the scenario logs it at least: more where several places have one text
+};
+
+constexpr char E = 'E', D = 'D';
+
+constexpr const char* kNoGpu = "only a GPU device or one of its implementations logs it, and this build drives no GPU";
+
+/// The parts of the table.
+std::vector<Row> publicRows();  // the exported functions and the agent
+std::vector<Row> coreRows();    // blocks, devices, the model image and the network
+std::vector<Row> layerRows();   // layer types and implementations
+
+}  // namespace corvalith::testing
