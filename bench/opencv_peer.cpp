@@ -1,5 +1,5 @@
-// One Caffe network on Corvalith and on OpenCV DNN: the same input, runs in turn, times and the largest difference of the
-// outputs. Usage: opencv_peer NAME MODEL.cvm NET.prototxt NET.caffemodel INPUT RUNS [THREADS]
+// One Caffe network on Corvalith and on OpenCV DNN: the same input, runs in turn, times and the largest difference of
+// the outputs. Usage: opencv_peer NAME MODEL.cvm NET.prototxt NET.caffemodel INPUT RUNS [THREADS]
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -59,7 +59,8 @@ int main(int argc, char** argv) {
   require(CorvalithBuildModel(agent, argv[2]) == 0, "loading the model");
   require(CorvalithInitialize(agent) == 0, "initialising the network");
   require(CorvalithGetNetInputSize(agent, &n, &c, &h, &w, input.c_str(), 0) == 0, "finding the input");
-  std::vector<float> data(static_cast<size_t>(n) * static_cast<size_t>(c) * static_cast<size_t>(h) * static_cast<size_t>(w));
+  std::vector<float> data(static_cast<size_t>(n) * static_cast<size_t>(c) * static_cast<size_t>(h) *
+                          static_cast<size_t>(w));
   std::mt19937 random(1);
   std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
   for (float& value : data) value = uniform(random);
@@ -81,7 +82,8 @@ int main(int argc, char** argv) {
   }
 
   require(CorvalithGetNetOutputSize(agent, &n, &c, &h, &w, 0) == 0, "finding the output");
-  std::vector<float> ours(static_cast<size_t>(n) * static_cast<size_t>(c) * static_cast<size_t>(h) * static_cast<size_t>(w));
+  std::vector<float> ours(static_cast<size_t>(n) * static_cast<size_t>(c) * static_cast<size_t>(h) *
+                          static_cast<size_t>(w));
   require(CorvalithGetNetOutput(agent, ours.data(), static_cast<int>(ours.size()), 0) == 0, "reading the output");
   require(theirs.total() == ours.size(), "comparing output sizes");
   double largest = 0, difference = 0;
