@@ -16,13 +16,14 @@ class PowerCPUImpl final : public Impl {
     const PowerParam& param = *static_cast<const PowerParam*>(record);
     const float* x = floats(bottoms[0]);
     float* y = floats(tops[0]);
-    const int count = tops[0]->getSize();
-    if (param.power == 1) {
-      cpuKernels().scaleShift(x, y, static_cast<size_t>(count), param.scale, param.shift);
+    const size_t count = static_cast<size_t>(tops[0]->getSize());
+    if (param.power == 1 || param.power == 2) {  // the same values as below, much sooner
+      cpuKernels().scaleShift(x, y, count, param.scale, param.shift);
+      if (param.power == 2) cpuKernels().multiply(y, y, y, count);
       return 0;
     }
     const double power = param.power;
-    for (int i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
       const double base = std::fma(param.scale, x[i], param.shift);
       y[i] = static_cast<float>(std::pow(base, power));
     }
