@@ -57,6 +57,8 @@ CopyTaps copyTapsOf(int kernelWidth) {
       return copyTaps<3>;
     case 5:
       return copyTaps<5>;
+    case 7:
+      return copyTaps<7>;
     default:
       return copyTaps<0>;
   }
