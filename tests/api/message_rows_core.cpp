@@ -3,7 +3,7 @@
 #include "core/device_manager.h"
 #include "tests/api/message_scenarios.h"
 #include "tests/api/message_table.h"
-#include "tests/support/failing_new.h"
+#include "tests/support/allocation_faults.h"
 
 namespace corvalith::testing {
 namespace {
@@ -48,7 +48,7 @@ void outOfMemoryInBuildModel() {
   PublicAgent().build(smallModel());
   for (int number = 0;; ++number) {
     PublicAgent agent;
-    const FailingNew memory(number);
+    const AllocationFault memory(number);
     const int status = CorvalithBuildModel(agent.handle(), path.c_str());
     if (!memory.happened()) {
       EXPECT_EQ(status, 0);

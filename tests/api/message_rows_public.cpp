@@ -3,7 +3,7 @@
 #include "api/agent.h"
 #include "tests/api/message_scenarios.h"
 #include "tests/api/message_table.h"
-#include "tests/support/failing_new.h"
+#include "tests/support/allocation_faults.h"
 
 namespace corvalith::testing {
 namespace {
@@ -47,7 +47,7 @@ Way onMembers(void (*calls)(InferenceAgent& agent)) {
 
 void outOfMemoryInBuildAgent() {
   for (int number = 0;; ++number) {
-    const FailingNew memory(number);
+    const AllocationFault memory(number);
     void* agent = CorvalithBuildAgent(kCpu, kFp32, kId, 1);
     if (!memory.happened()) {
       CorvalithRelease(&agent);

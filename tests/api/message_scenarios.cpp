@@ -6,7 +6,7 @@
 #include <fstream>
 #include <utility>
 
-#include "tests/support/failing_new.h"
+#include "tests/support/allocation_faults.h"
 
 namespace corvalith::testing {
 namespace {
@@ -203,7 +203,7 @@ void outOfMemoryInRun(const std::string& type) {
   ASSERT_EQ(agent.build(netOf(valid(type))), 0);
   ASSERT_EQ(CorvalithInitialize(agent.handle()), 0);
   for (int number = 0;; ++number) {
-    const FailingNew memory(number);
+    const AllocationFault memory(number);
     const int status = CorvalithExecuteNet(agent.handle());
     EXPECT_EQ(status, memory.happened() ? -1 : 0);
     if (!memory.happened()) return;
