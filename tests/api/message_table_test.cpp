@@ -11,6 +11,7 @@
 
 #include "core/log.h"
 #include "tests/api/message_scenarios.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/log_capture.h"
 
 namespace corvalith::testing {
@@ -259,6 +260,32 @@ TEST(MessageOrder, ARunWithoutFailureLogsItsProgressOnly) {
             }),
             (Lines{"D/Corvalith device init finished", "D/all characters read successfully.", "D/descriptor_:1,3,4,4",
                    "D/descriptor_:1,3,4,4", "D/Corvalith released"}));
+}
+
+TEST(OutOfMemory, EveryCallReturnsAndLeavesTheLockFree) {
+  LogCapture log;
+  const std::string path = temporaryPath("model.cvm");
+  PublicAgent().build(netOf(valid("Softmax")));
+  for (int number = 0, refused = 1; refused > 0; ++number) {
+    refused = 0;
+    log.take();
+    const AllocationFault memory(number);
+    const int cpus[] = {CORVALITH_CPU, CORVALITH_CPU}, floats[] = {CORVALITH_FP32, CORVALITH_FP32}, ids[] = {0, 0};
+    void* agent = CorvalithBuildAgent(cpus, floats, ids, 2);
+    int n, c, h, w;
+    refused -= CorvalithBuildModel(agent, path.c_str());
+    refused -= CorvalithGetNetInputSize(agent, &n, &c, &h, &w, "in", 0);
+    refused -= CorvalithSetMaxInputSize(agent, 1, 3, 5, 5, "in", 0);
+    refused -= CorvalithInitialize(agent);
+    refused -= CorvalithSetNetInput(agent, zeros(), 1, 3, 4, 4, "in", 0);
+    refused -= CorvalithExecuteNet(agent);
+    refused -= CorvalithGetNetOutput(agent, zeros(), 48, 0);
+    refused -= CorvalithGetLayerOutputSize(agent, "in", &n, &c, &h, &w, 0);
+    refused -= CorvalithGetLayerOutput(agent, zeros(), 48, "in", 0);
+    CorvalithRelease(&agent);
+    EXPECT_EQ(refused > 0, memory.happened()) << "allocation " << number;
+    expectLockIsFree();
+  }
 }
 
 TEST(HostLog, OneLineOnStandardErrorPerMessage) {
