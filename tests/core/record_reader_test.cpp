@@ -20,7 +20,7 @@ TEST(RecordReader, NeverLeavesTheRecord) {
   EXPECT_EQ(reader.remaining(), 3u);
   volatile size_t tooMany = std::numeric_limits<size_t>::max();  // unknown to the compiler, which would warn
   EXPECT_FALSE(reader.read(&value, tooMany));
-  char rest[3];
+  char rest[3] = {};
   EXPECT_TRUE(reader.read(rest, 3));
   EXPECT_EQ(rest[0], 2);
   EXPECT_TRUE(reader.read(rest, 0));
