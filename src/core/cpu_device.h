@@ -35,7 +35,7 @@ struct ThreadSlot {
 /// startThreadRunning once, which returns when every part is done. Parameter records must live until then. All calls
 /// of a dispatch come from one thread; every setThreadParam must be followed by a startThreadRunning, or the next
 /// setThreadParam on that slot waits for ever.
-class CPUDevice : public Device {
+class CPUDevice final : public Device {
  public:
   CPUDevice();
   ~CPUDevice() override;

@@ -42,21 +42,6 @@ void unknownType() {
   PublicAgent().build(layers);
 }
 
-/// The model cannot be read in full because there is no memory for it.
-void outOfMemoryInBuildModel() {
-  const std::string path = temporaryPath("model.cvm");
-  PublicAgent().build(smallModel());
-  for (int number = 0;; ++number) {
-    PublicAgent agent;
-    const AllocationFault memory(number);
-    const int status = CorvalithBuildModel(agent.handle(), path.c_str());
-    if (!memory.happened()) {
-      EXPECT_EQ(status, 0);
-      return;
-    }
-  }
-}
-
 /// A built network of "in" and the ReLU "tested" behind an agent, not initialised.
 Way onBuilt(void (*calls)(void* agent)) {
   return publicly([calls] {
@@ -116,26 +101,20 @@ void halfPrecisionWeights() {
 std::vector<Row> coreRows() {
   return {
       // ---- Blocks
-      {"Block", E, "block CorvalithMalloc failed",
-       onEmptyNet([](NetBench& bench) { Block(1, -1, 1, 1, CORVALITH_FP32, &bench.context); })},
-      {"Block, from floats", E, "block CorvalithMalloc failed",
-       onEmptyNet([](NetBench& bench) { Block(1, -1, 1, 1, CORVALITH_FP32, &bench.context, someFloats()); })},
+      {"Block", E, "block CorvalithMalloc failed", publicly([] { outOfMemoryInInit("ReLU"); })},
+      {"Block, from floats", E, "block CorvalithMalloc failed", publicly([] { outOfMemoryInBuild("Conv"); })},
       {"Block, from bytes", E, "block CorvalithMalloc failed",
-       onEmptyNet([](NetBench& bench) { Block(16, &bench.context, static_cast<const void*>(someFloats())); })},
-      {"TopBlock", E, "top block CorvalithMalloc failed",
-       onEmptyNet([](NetBench& bench) { TopBlock(1, -1, 1, 1, CORVALITH_FP32, &bench.context, "top"); })},
+       onBlock([](NetBench& bench, Block&) { Block(16, &bench.context, static_cast<const void*>(someFloats())); })},
+      {"TopBlock", E, "top block CorvalithMalloc failed", publicly([] { outOfMemoryInInit("ReLU"); })},
       {"ImplBlock", E, "impl block CorvalithMalloc failed",
-       onEmptyNet([](NetBench& bench) { ImplBlock(1, -1, 1, 1, CORVALITH_FP32, &bench.context); })},
+       onBlock([](NetBench& bench, Block&) { ImplBlock(1, -1, 1, 1, CORVALITH_FP32, &bench.context); })},
       {"Block", D, "Error axis for block",
        publicly(initialised(changed<FlattenParam>("Flatten", [](FlattenParam& p) { p.end_axis = 4; })))},
-      {"Block", E, "Corvalith malloc failed", onBlock([](NetBench& bench, Block& block) {
-         bench.device.allocationsLeft = 0;
+      {"Block", E, "Corvalith malloc failed", onBlock([](NetBench&, Block& block) {
+         const AllocationFault memory(0, AllocationFault::kNewAndMalloc);
          EXPECT_EQ(block.setData(someFloats()), -1);
        })},
-      {"Block", E, "CorvalithMalloc fail", onBlock([](NetBench& bench, Block& block) {
-         bench.device.allocationsLeft = 0;
-         EXPECT_EQ(block.reshape(2, 1, 2, 2), -1);
-       })},
+      {"Block", E, "CorvalithMalloc fail", publicly([] { outOfMemoryInInput("ReLU"); })},
 
       // ---- Devices
       {"DeviceManager", E, "device id err", publicly([] {
@@ -152,12 +131,10 @@ std::vector<Row> coreRows() {
       {"DeviceManager", E, "ext_data malloc failed", because(kNoGpu)},
       {"DeviceManager", E, "gpu init failed", because(kNoGpu)},
       {"DeviceManager", E, "Error: clGetDeviceInfo error, err: %d", because(kNoGpu)},
-      {"CPUDevice, plain, by type name and filled", E, "malloc failed", onCpu([](CPUDevice& device) {
-         EXPECT_EQ(device.CorvalithMalloc(-1, CORVALITH_FP32), nullptr);
-         EXPECT_EQ(device.CorvalithMalloc(-1, std::string("bool")), nullptr);
-         EXPECT_EQ(device.CorvalithMalloc(-1, CORVALITH_FP32, static_cast<const float*>(someFloats())), nullptr);
-       }),
-       3},
+      {"CPUDevice", E, "malloc failed", publicly([] { outOfMemoryInInit("ReLU"); })},
+      {"CPUDevice, filled", E, "malloc failed", publicly([] { outOfMemoryInBuild("Conv"); })},
+      {"CPUDevice, by type name", E, "malloc failed",
+       onCpu([](CPUDevice& device) { EXPECT_EQ(device.CorvalithMalloc(-1, std::string("bool")), nullptr); })},
       {"CPUDevice, clear and both copies", E, "input buffer err", onCpu([](CPUDevice& device) {
          EXPECT_EQ(device.CorvalithClear(nullptr, CORVALITH_FP32, 1), -1);
          EXPECT_EQ(device.floatToDeviceMem(nullptr, someFloats(), CORVALITH_FP32, 1), -1);
@@ -181,7 +158,7 @@ std::vector<Row> coreRows() {
          CorvalithBuildModel(agent.handle(), temporaryPath("none.cvm").c_str());
        })},
       {"Model", D, "all characters read successfully.", cutTo(0)},
-      {"Model", D, "error: only %zu data could be read", publicly(outOfMemoryInBuildModel)},
+      {"Model", D, "error: only %zu data could be read", publicly([] { outOfMemoryInBuild("ReLU"); })},
 
       // ---- A network from a model
       {"Net", E, "parser Model error", cutTo(0)},
@@ -251,10 +228,7 @@ std::vector<Row> coreRows() {
        onBuilt([](void* agent) { CorvalithGetNetInputSize(agent, anInt(), anInt(), anInt(), anInt(), "other", 0); })},
       {"Net::setInput", E, "SetInput inputData Not Exist",
        onBuilt([](void* agent) { CorvalithSetNetInput(agent, someFloats(), 1, 3, 4, 4, "in", 0); })},
-      {"Net::setInput", E, "reshape failed", onNet([](NetBench& bench) {
-         bench.device.allocationsLeft = 0;
-         EXPECT_EQ(bench.net.setInput(someFloats(), 1, 3, 5, 4, "in"), -1);
-       })},
+      {"Net::setInput", E, "reshape failed", publicly([] { outOfMemoryInInput("ReLU"); })},
       {"Net::setInput, and the function above it", E, "set input failed",
        onInitialised([](void* agent) { CorvalithSetNetInput(agent, nullptr, 1, 3, 4, 4, "in", 0); }), 2},
       {"Net::setMaxInputSize", E, "get layer failed",

@@ -38,8 +38,9 @@ class PublicAgent {
   void* handle_;
 };
 
-/// The shape of the inputs "in" and "in2" in all scenarios.
+/// The shape of the inputs "in" and "in2", but for the types whose inputs differ.
 constexpr Shape kInput{1, 3, 4, 4};
+Shape inputShape(const std::string& type, size_t input);
 
 /// A layer "tested" of that type that works on those inputs.
 tools::ModelLayer valid(const std::string& type);
@@ -71,24 +72,14 @@ Scenario initialised(tools::ModelLayer layer);
 /// A network with this layer runs, and then once more after "in" has taken another shape.
 Scenario resized(tools::ModelLayer layer, Shape in);
 
-/// A network with this layer runs with every allocation by operator new failing in turn.
+/// Memory runs out while a network with this layer is built, while it is initialised, while its inputs grow, or while
+/// it runs: every allocation of that call fails in turn.
+void outOfMemoryInBuild(const std::string& type);
+void outOfMemoryInInit(const std::string& type);
+void outOfMemoryInInput(const std::string& type);
 void outOfMemoryInRun(const std::string& type);
 
 // ---- On the classes
-
-/// A CPU whose memory runs out.
-class FailingDevice final : public CPUDevice {
- public:
-  void* CorvalithMalloc(int count, CORVALITH_DATATYPE type) override;
-  void* CorvalithMalloc(int count, std::string typeName) override;
-  void* CorvalithMalloc(int count, CORVALITH_DATATYPE type, const float* init) override;
-  using CPUDevice::CorvalithMalloc;
-
-  int allocationsLeft = -1;  // negative: any number
-
- private:
-  bool runsOut();
-};
 
 /// Stands for the producer of an input.
 class Source final : public Layer {
@@ -111,15 +102,15 @@ void breakImpl(Layer& layer);
 /// One layer by itself, made by the registry, with sources for its bottoms.
 class LayerBench {
  public:
-  explicit LayerBench(const tools::ModelLayer& record, const Shape& input = kInput, bool withWorkers = true);
+  explicit LayerBench(const tools::ModelLayer& record, bool withWorkers = true);
 
   int configure(int mode = LOAD_FULL) { return configure(record_, mode, nullptr); }
   int configure(const tools::ModelLayer& record, int mode, std::ofstream* dump);
   /// With the sources, or with only the first `bottoms` of them.
   int init(size_t bottoms = kMaxNames);
-  /// Gives every input another shape, whatever memory is left.
+  /// Gives every input another shape.
   void resizeInputs(const Shape& shape);
-  FailingDevice device;
+  CPUDevice device;
   CPUContext context{&device, CORVALITH_FP32};
   std::vector<std::unique_ptr<Source>> sources;
   std::shared_ptr<Layer> layer;
@@ -139,17 +130,12 @@ class NetBench {
   /// Builds, connects and initialises.
   int ready() { return build() != 0 || net.createGraph() != 0 || net.initInferenceNet() != 0 ? -1 : 0; }
 
-  FailingDevice device;
+  CPUDevice device;
   CPUContext context{&device, CORVALITH_FP32};
   std::shared_ptr<Model> model;
   Net net{&context};
 };
 
-/// Device memory runs out while the layer takes its record, while it is initialised, or while it follows a larger
-/// batch: at the first allocation, at the second, and so on until there is enough.
-void outOfMemoryInRecord(const std::string& type);
-void outOfMemoryInInit(const std::string& type);
-void outOfMemoryInReshape(const std::string& type);
 /// reshape() of a layer that was never initialised.
 void reshapedTooEarly(const std::string& type);
 /// reshape() of a layer that has inputs but no output yet.

@@ -225,23 +225,25 @@ TEST(MessageOrder, ArgumentsAreCheckedInTurn) {
 }
 
 TEST(MessageOrder, MemoryThatRunsOutIsReportedFromTheDeviceUp) {
-  // The device of the test itself says nothing; a real one begins with "malloc failed".
-  EXPECT_EQ(
-      logOf([] {
-        NetBench bench(netOf(valid("Conv")));
-        ASSERT_EQ(bench.build(), 0);
-        ASSERT_EQ(bench.net.createGraph(), 0);
-        bench.device.allocationsLeft = 4;  // the input's two blocks, the output, the pad buffer
-        EXPECT_EQ(bench.net.initInferenceNet(), -1);
-      }),
-      (Lines{"D/descriptor_:1,3,4,4", "E/block CorvalithMalloc failed", "E/ConvCPUGEMMImpl convert buffer create fail",
-             "E/convLayer impl init fail", "E/Layer 1 init fail"}));
-  EXPECT_EQ(logOf([] {
-              LayerBench bench(valid("Conv"));
-              bench.device.allocationsLeft = 0;
-              EXPECT_EQ(bench.configure(), -1);
+  EXPECT_EQ(logOfAgent([](PublicAgent& agent) {
+              agent.build(netOf(valid("Conv")));
+              CorvalithSetMaxInputSize(agent.handle(), 1, 3, 16, 16, "in", 0);
+              const AllocationLimit memory(8192);  // less than the convert buffer, and than nothing else
+              CorvalithInitialize(agent.handle());
             }),
-            (Lines{"E/block CorvalithMalloc failed", "E/block CorvalithMalloc failed", "E/block create fail"}));
+            (Lines{"D/all characters read successfully.", "D/descriptor_:1,3,4,4", "E/malloc failed",
+                   "E/block CorvalithMalloc failed", "E/ConvCPUGEMMImpl convert buffer create fail",
+                   "E/convLayer impl init fail", "E/Layer 1 init fail", "E/agent init failed"}));
+  EXPECT_EQ(logOf([] {
+              tools::ModelLayer wide = changed<ConvParam>("Conv", [](ConvParam& p) { p.kernel_h = p.kernel_w = 31; });
+              wide.weights.assign(2 * 3 * 31 * 31, 1);
+              const std::vector<char> record = tools::layerRecord(wide);
+              LayerBench bench(wide);
+              const AllocationLimit memory(8192);
+              EXPECT_EQ(bench.layer->setLayerParam(record.data(), static_cast<int>(record.size()), LOAD_FULL, nullptr),
+                        -1);
+            }),
+            (Lines{"E/malloc failed", "E/block CorvalithMalloc failed", "E/block create fail"}));
   EXPECT_EQ(logOf([] {
               NetBench bench(netOf(valid("Conv")), true);
               EXPECT_EQ(bench.build(), 0);

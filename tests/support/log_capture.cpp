@@ -24,7 +24,7 @@ void capture(LogPriority priority, const char* text) {
 
 LogCapture::LogCapture() {
   captured().clear();
-  captured().reserve(1 << 16);
+  captured().reserve(1 << 20);
   setLogSink(capture);
 }
 
