@@ -49,7 +49,10 @@ class ConvertedNet {
     tools::ConvertReport report;
     converted = tools::convertModel(options, report) == 0;
     for (const std::string& problem : report.problems) ADD_FAILURE() << name << ": " << problem;
-    for (const tools::NamedShape& input : report.inputs) inputName = input.name;
+    for (const tools::NamedShape& input : report.inputs) {
+      inputName = input.name;
+      inputShape = input.shape;
+    }
   }
   ~ConvertedNet() {
     std::error_code ignored;
@@ -59,6 +62,7 @@ class ConvertedNet {
 
   bool converted = false;
   std::string inputName;
+  Shape inputShape;
 
  private:
   fs::path path_;
@@ -69,6 +73,15 @@ Npy readArray(const fs::path& path) {
   std::string error;
   EXPECT_TRUE(tools::readNpy(path, array, error)) << error;
   return array;
+}
+
+/// An image with its channels first as a network that keeps them last takes it.
+Npy channelsLast(const Npy& image) {
+  const size_t channels = static_cast<size_t>(image.shape[1]);
+  const size_t pixels = image.data.size() / channels;
+  Npy moved{{image.shape[0], image.shape[2], image.shape[3], image.shape[1]}, std::vector<float>(image.data.size())};
+  for (size_t i = 0; i < image.data.size(); ++i) moved.data[i % pixels * channels + i / pixels] = image.data[i];
+  return moved;
 }
 
 struct WantedOutput {
@@ -91,7 +104,7 @@ void expectNear(const Npy& got, const Npy& want, double tolerance, const std::st
 
 /// Converts with and without optimisations, runs on the input and compares every wanted output; runs twice for the
 /// bits.
-void runNetwork(const std::string& name, const std::vector<std::string>& sources, Npy input,
+void runNetwork(const std::string& name, const std::vector<std::string>& sources, const Npy& image,
                 const std::vector<WantedOutput>& outputs) {
   for (const bool optimize : {true, false}) {
     SCOPED_TRACE(name + (optimize ? "" : " without optimisations"));
@@ -99,6 +112,7 @@ void runNetwork(const std::string& name, const std::vector<std::string>& sources
     testing::LogCapture quiet;
     const ConvertedNet net(name, sources, optimize);
     ASSERT_TRUE(net.converted);
+    Npy input = net.inputShape == tools::blockShape(image.shape) ? image : channelsLast(image);
     tools::Engine engine;
     ASSERT_TRUE(engine.load(net.path()) && engine.initialize());
     std::vector<Npy> first(outputs.size()), second(outputs.size());
