@@ -250,17 +250,13 @@ std::string addFlatten(SourceLayer& layer, const std::string& input, int axis, i
 std::string addPermute(SourceLayer& layer, const std::string& input, const std::vector<int64_t>& order,
                        const std::string& suffix) {
   PermuteParam param{4, {0, 1, 2, 3}};
-  if (order.size() > 4) {
-    layer.unsupported("more than four dimensions");
+  const int rank = layer.rank(input);
+  const auto isAxis = [rank](int64_t axis) { return axis >= 0 && axis < rank; };
+  if (static_cast<int>(order.size()) != rank || rank > 4 || !std::all_of(order.begin(), order.end(), isAxis)) {
+    layer.mismatch("the order is no permutation of its " + std::to_string(rank) + " axes");
     return input;
   }
-  for (size_t i = 0; i < order.size(); ++i) {
-    if (order[i] < 0 || order[i] > 3) {
-      layer.unsupported("axis " + std::to_string(order[i]));
-      return input;
-    }
-    param.order[i] = static_cast<uint32_t>(order[i]);
-  }
+  std::copy(order.begin(), order.end(), param.order);
   return layer.add(withRecord("Permute", param), {input}, suffix);
 }
 

@@ -15,9 +15,12 @@ namespace {
 using google::protobuf::TextFormat;
 using Blobs = google::protobuf::RepeatedPtrField<caffe::Blob>;
 
+/// Line and column of the text, both from 0.
+using Place = std::pair<int, int>;
+
 /// A field of the text that the schema does not know.
 struct UnknownField {
-  int line;
+  Place place;
   std::string message;  // the message that it stands in, such as "ConvolutionParameter"
   std::string field;
 };
@@ -32,7 +35,7 @@ class Collector : public google::protobuf::io::ErrorCollector {
   }
 
   /// The parser's words are: Message type "package.Message" has no field named "field".
-  void AddWarning(int line, google::protobuf::io::ColumnNumber, const std::string& message) override {
+  void AddWarning(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
     std::vector<std::string> quoted;
     for (size_t at = message.find('"'); at != std::string::npos; at = message.find('"', at + 1)) {
       const size_t end = message.find('"', at + 1);
@@ -41,7 +44,7 @@ class Collector : public google::protobuf::io::ErrorCollector {
       at = end;
     }
     if (quoted.size() != 2) return;
-    unknown.push_back({line, quoted[0].substr(quoted[0].rfind('.') + 1), quoted[1]});
+    unknown.push_back({{line, column}, quoted[0].substr(quoted[0].rfind('.') + 1), quoted[1]});
   }
 };
 
@@ -86,10 +89,10 @@ std::string typeName(caffe::LegacyLayerText::LayerType type) {
   }
 }
 
-/// One layer of the text with the line that it begins in.
+/// One layer of the text with the place where it begins.
 struct TextLayer {
   caffe::LayerText text;
-  int line;
+  Place place;
 };
 
 bool applies(const caffe::StateRule& rule) {
@@ -118,8 +121,8 @@ class CaffeImporter {
   void input(const std::string& name, std::vector<int64_t> dims);
   void netInputs();
   void inputLayer(const caffe::LayerText& text);
-  void layer(const TextLayer& text, int endLine);
-  void unknownFields(int fromLine, int toLine, SourceLayer& layer);
+  void layer(const TextLayer& source, Place end);
+  void unknownFields(Place begin, Place end, SourceLayer& layer);
   void track(const caffe::LayerText& text);
 
   const InputShapes& shapes_;
@@ -144,16 +147,17 @@ bool CaffeImporter::parseText(const std::string& prototxt) {
     if (collector_.errors.empty()) graph_.problems.push_back("the network text cannot be read");
     return false;
   }
-  const auto lineOf = [&places](const char* field, int i) {
-    return places.GetLocation(caffe::NetText::descriptor()->FindFieldByName(field), i).line;
+  const auto placeOf = [&places](const char* field, int i) {
+    const auto found = places.GetLocation(caffe::NetText::descriptor()->FindFieldByName(field), i);
+    return Place{found.line, found.column};
   };
-  for (int i = 0; i < net_.layer_size(); ++i) layers_.push_back({net_.layer(i), lineOf("layer", i)});
+  for (int i = 0; i < net_.layer_size(); ++i) layers_.push_back({net_.layer(i), placeOf("layer", i)});
   for (int i = 0; i < net_.layers_size(); ++i) {
     caffe::LayerText text;
     text.ParseFromString(net_.layers(i).SerializeAsString());
     text.DiscardUnknownFields();
     text.set_type(typeName(net_.layers(i).type()));
-    layers_.push_back({text, lineOf("layers", i)});
+    layers_.push_back({text, placeOf("layers", i)});
   }
   if (layers_.empty()) graph_.problems.push_back("the network text has no layers");
   if (net_.layer_size() > 0 && net_.layers_size() > 0) {
@@ -208,12 +212,12 @@ void CaffeImporter::inputLayer(const caffe::LayerText& text) {
   }
 }
 
-void CaffeImporter::unknownFields(int fromLine, int toLine, SourceLayer& layer) {
+void CaffeImporter::unknownFields(Place begin, Place end, SourceLayer& layer) {
   for (const UnknownField& field : collector_.unknown) {
     const bool harmless = field.message == "Ignored" || field.message == "StateRule";
-    if (field.line < fromLine || field.line >= toLine || harmless) continue;
+    if (field.place < begin || field.place >= end || harmless) continue;
     layer.unsupported(
-        "line " + std::to_string(field.line + 1) + ": setting \"" + field.field + "\" is not known" +
+        "line " + std::to_string(field.place.first + 1) + ": setting \"" + field.field + "\" is not known" +
         (field.message == "LayerText" || field.message == "LegacyLayerText" ? "" : " in " + field.message));
   }
 }
@@ -228,7 +232,7 @@ void CaffeImporter::track(const caffe::LayerText& text) {
   }
 }
 
-void CaffeImporter::layer(const TextLayer& source, int endLine) {
+void CaffeImporter::layer(const TextLayer& source, Place end) {
   const caffe::LayerText& text = source.text;
   if (!runsAtInference(text)) {
     graph_.notes.push_back(text.name() + ": left out, not for inference");
@@ -258,7 +262,7 @@ void CaffeImporter::layer(const TextLayer& source, int endLine) {
                               : "the layer type is not supported");
       continue;
     }
-    if (i == 0) unknownFields(source.line, endLine, layer);
+    if (i == 0) unknownFields(source.place, end, layer);
     const int inputs = static_cast<int>(layer.inputCount());
     if (inputs < type->minBottoms || inputs > type->maxBottoms) {
       layer.unsupported("has " + std::to_string(inputs) + " inputs");
@@ -279,7 +283,7 @@ void CaffeImporter::import() {
   }
   netInputs();
   for (size_t i = 0; i < layers_.size(); ++i) {
-    layer(layers_[i], i + 1 < layers_.size() ? layers_[i + 1].line : INT32_MAX);
+    layer(layers_[i], i + 1 < layers_.size() ? layers_[i + 1].place : Place{INT32_MAX, 0});
   }
   for (const std::string& top : tops_) {
     if (consumed_.count(top) == 0) graph_.outputs.push_back(graph_.current(top));

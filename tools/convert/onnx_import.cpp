@@ -97,8 +97,8 @@ class OnnxImporter {
     }
     SourceLayer layer(graph_, name, node.op_type(), values, node.output(0));
     const bool standard = node.domain().empty() || node.domain() == "ai.onnx";
-    const OnnxType* type = standard ? findOnnxType(node.op_type()) : nullptr;
-    if (type == nullptr) {
+    const OnnxConverter convertNode = standard ? findOnnxConverter(node.op_type()) : nullptr;
+    if (convertNode == nullptr) {
       layer.unsupported("the operation is not supported");
       return;
     }
@@ -109,14 +109,14 @@ class OnnxImporter {
       layer.unsupported("a constant as its first input");
       return;
     }
-    type->convert(context);
+    convertNode(context);
     if (!layer.failed()) context.checkAttributes();
   }
 
   const onnx::Graph& source_;
   const InputShapes& shapes_;
   Graph& graph_;
-  int64_t opset_ = 1;
+  int64_t opset_ = 1;  // of the standard operators
   std::map<std::string, Constant> constants_;
 };
 
@@ -128,6 +128,8 @@ void importOnnx(const std::string& model, const InputShapes& shapes, Graph& grap
     graph.problems.push_back("the ONNX file is damaged or cut off");
   } else if (!parsed.has_graph() || parsed.graph().node_size() == 0) {
     graph.problems.push_back("the ONNX file holds no network");
+  } else if (parsed.opset_import_size() == 0) {
+    graph.problems.push_back("the ONNX file names no operator set: it is damaged or cut off");
   } else {
     OnnxImporter(parsed, shapes, graph).import();
   }

@@ -1,247 +1,17 @@
 #include "tools/convert/onnx_ops.h"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 
 #include "tools/convert/builders.h"
 
 namespace corvalith::tools {
-
-OnnxNode::OnnxNode(const onnx::Node& node, int64_t opset, SourceLayer& layer, std::vector<const Constant*> constants)
-    : layer(layer), opset(opset), node_(node), constants_(std::move(constants)) {
-  size_t next = 0;
-  for (size_t i = 0; i < constants_.size(); ++i) {
-    const bool computed = constants_[i] == nullptr && !node_.input(static_cast<int>(i)).empty();
-    positions_.push_back(computed ? next++ : SIZE_MAX);
-  }
-}
-
-bool OnnxNode::floats(size_t i, const char* what, std::vector<float>& out) {
-  const Constant* found = constant(i);
-  if (found == nullptr) {
-    layer.unsupported(hasInput(i) ? std::string(what) + " that are computed at run time"
-                                  : "has no " + std::string(what));
-    return false;
-  }
-  out = found->whole ? std::vector<float>(found->ints.begin(), found->ints.end()) : found->floats;
-  return true;
-}
-
-std::string OnnxNode::value(size_t i) {
-  return i < positions_.size() && positions_[i] != SIZE_MAX ? layer.input(positions_[i]) : "";
-}
-
-const onnx::Attribute* OnnxNode::find(const char* name) {
-  asked_.insert(name);
-  for (const auto& attribute : node_.attribute()) {
-    if (attribute.name() == name) return &attribute;
-  }
-  return nullptr;
-}
-
-int64_t OnnxNode::intAttr(const char* name, int64_t standard) {
-  const onnx::Attribute* found = find(name);
-  return found == nullptr ? standard : found->i();
-}
-
-float OnnxNode::floatAttr(const char* name, float standard) {
-  const onnx::Attribute* found = find(name);
-  return found == nullptr ? standard : found->f();
-}
-
-std::string OnnxNode::textAttr(const char* name, const char* standard) {
-  const onnx::Attribute* found = find(name);
-  return found == nullptr ? standard : found->s();
-}
-
-bool OnnxNode::intsAttr(const char* name, std::vector<int64_t>& out) {
-  const onnx::Attribute* found = find(name);
-  if (found != nullptr) out.assign(found->ints().begin(), found->ints().end());
-  return found != nullptr;
-}
-
-bool OnnxNode::list(const char* name, size_t i, std::vector<int64_t>& out) {
-  if (intsAttr(name, out)) return true;
-  const Constant* found = constant(i);
-  if (found != nullptr && found->whole) {
-    out = found->ints;
-    return true;
-  }
-  if (hasInput(i)) layer.unsupported(std::string(name) + " that are computed at run time");
-  return false;
-}
-
-void OnnxNode::checkAttributes() {
-  for (const auto& attribute : node_.attribute()) {
-    if (asked_.count(attribute.name()) == 0) layer.unsupported("attribute \"" + attribute.name() + "\" is not known");
-  }
-}
-
 namespace {
-
-void convertRelu(OnnxNode& n) { addRelu(n.layer, n.value()); }
-void convertTanh(OnnxNode& n) { addTanh(n.layer, n.value()); }
-void convertSigmoid(OnnxNode& n) { addSigmoid(n.layer, n.value()); }
 
 void convertCopy(OnnxNode& n) {
   for (const char* name : {"ratio", "seed", "to", "is_test"}) n.ignoreAttr(name);
   if (n.layer.type() == "Cast" && n.intAttr("to", 1) != 1) n.layer.unsupported("casts to other than float");
   addCopy(n.layer, n.value());
 }
-
-void convertLeakyRelu(OnnxNode& n) {
-  n.layer.note("leaky ReLU written as PReLU");
-  addPRelu(n.layer, n.value(), {n.floatAttr("alpha", 0.01f)});
-}
-
-void convertPRelu(OnnxNode& n) {
-  std::vector<float> slopes;
-  if (n.floats(1, "slopes", slopes)) addPRelu(n.layer, n.value(), std::move(slopes));
-}
-
-void convertClip(OnnxNode& n) {
-  const float infinity = std::numeric_limits<float>::infinity();
-  float limits[2] = {n.floatAttr("min", -infinity), n.floatAttr("max", infinity)};
-  for (size_t i = 0; i < 2; ++i) {
-    std::vector<float> values;
-    if (!n.hasInput(i + 1)) continue;
-    if (!n.floats(i + 1, "limits", values)) return;
-    if (values.size() == 1) limits[i] = values[0];
-  }
-  // Older models write the ends of the range of floats for no limit.
-  if (limits[0] <= std::numeric_limits<float>::lowest()) limits[0] = -infinity;
-  if (limits[1] >= std::numeric_limits<float>::max()) limits[1] = infinity;
-  addClip(n.layer, n.value(), limits[0], limits[1]);
-}
-
-void convertHardSigmoid(OnnxNode& n) {
-  const std::string line =
-      addPower(n.layer, n.value(), 1, n.floatAttr("alpha", 0.2f), n.floatAttr("beta", 0.5f), "line");
-  addClip(n.layer, line, 0.0f, 1.0f);
-}
-
-void convertHardSwish(OnnxNode& n) {
-  const std::string line = addPower(n.layer, n.value(), 1, 1.0f / 6.0f, 0.5f, "line");
-  addEltwise(n.layer, {n.value(), addClip(n.layer, line, 0.0f, 1.0f, "gate")}, kProduct);
-}
-
-/// Element-wise operations of values only; false where an input is a constant.
-bool convertOfValues(OnnxNode& n, EltwiseOperation operation, const std::vector<float>& coefficients = {}) {
-  std::vector<std::string> inputs;
-  for (size_t i = 0; i < n.inputCount(); ++i) {
-    if (n.value(i).empty()) return false;
-    inputs.push_back(n.value(i));
-    if (n.shape(i) != n.shape() || n.rank(i) != n.rank()) {
-      n.layer.mismatch("its inputs differ in shape, and the engine repeats no values to match them");
-      return true;
-    }
-  }
-  if (inputs.size() == 1) {
-    addCopy(n.layer, inputs[0]);
-  } else {
-    addEltwise(n.layer, inputs, operation, coefficients);
-  }
-  return true;
-}
-
-/// The constant of a binary operation as one value per channel of the other input, or a single value for all. False
-/// and a report for any other shape.
-bool perChannel(OnnxNode& n, size_t constantInput, std::vector<float>& values) {
-  const size_t valueInput = 1 - constantInput;
-  if (n.inputCount() != 2 || n.constant(constantInput) == nullptr || n.value(valueInput).empty()) {
-    n.layer.unsupported("constants among more than two inputs");
-    return false;
-  }
-  n.floats(constantInput, "the constant", values);
-  const std::vector<int64_t>& dims = n.constant(constantInput)->dims;
-  if (values.size() == 1) return true;
-  const size_t rank = static_cast<size_t>(n.rank(valueInput));
-  const size_t channels = static_cast<size_t>(n.shape(valueInput).c);
-  // Broadcasting lines axes up at the end: the constant's first axis is this one of the value.
-  const size_t first = rank - dims.size();
-  if (dims.size() <= rank && values.size() == channels && first <= 1 && dims[1 - first] == n.shape(valueInput).c) {
-    return true;
-  }
-  n.layer.unsupported("a constant that is neither one value nor one per channel");
-  return false;
-}
-
-/// scale x + bias, where one of the two is the constant.
-void addAffine(OnnxNode& n, const std::string& value, std::vector<float> scales, std::vector<float> biases) {
-  if (scales.size() == 1 && biases.size() == 1) {
-    addPower(n.layer, value, 1, scales[0], biases[0]);
-  } else {
-    addScale(n.layer, value, std::move(scales), std::move(biases));
-  }
-}
-
-void convertSum(OnnxNode& n) {
-  if (convertOfValues(n, kSum)) return;
-  const size_t constant = n.constant(0) != nullptr ? 0 : 1;
-  std::vector<float> biases;
-  if (perChannel(n, constant, biases)) addAffine(n, n.value(1 - constant), {1.0f}, std::move(biases));
-}
-
-void convertSub(OnnxNode& n) {
-  if (convertOfValues(n, kSum, {1.0f, -1.0f})) return;
-  const size_t constant = n.constant(0) != nullptr ? 0 : 1;
-  std::vector<float> biases;
-  if (!perChannel(n, constant, biases)) return;
-  if (constant == 1) {
-    for (float& bias : biases) bias = -bias;
-  }
-  addAffine(n, n.value(1 - constant), {constant == 1 ? 1.0f : -1.0f}, std::move(biases));
-}
-
-void convertMul(OnnxNode& n) {
-  if (convertOfValues(n, kProduct)) return;
-  const size_t constant = n.constant(0) != nullptr ? 0 : 1;
-  std::vector<float> scales;
-  if (perChannel(n, constant, scales)) addAffine(n, n.value(1 - constant), std::move(scales), {0.0f});
-}
-
-void convertDiv(OnnxNode& n) {
-  std::vector<float> scales;
-  if (n.constant(1) == nullptr) {
-    n.layer.unsupported("division by a value");
-    return;
-  }
-  if (!perChannel(n, 1, scales)) return;
-  for (float& scale : scales) scale = 1.0f / scale;
-  addAffine(n, n.value(0), std::move(scales), {0.0f});
-}
-
-/// Max and Min with one constant are a limit.
-void convertMax(OnnxNode& n) {
-  const bool minimum = n.layer.type() == "Min";
-  if (!minimum && convertOfValues(n, kMaximum)) return;
-  const size_t constant = n.constant(0) != nullptr ? 0 : 1;
-  std::vector<float> limit;
-  if (n.constant(constant) == nullptr) {
-    n.layer.unsupported("the minimum of values");
-    return;
-  }
-  if (!perChannel(n, constant, limit)) return;
-  if (limit.size() != 1) {
-    n.layer.unsupported("a limit per channel");
-    return;
-  }
-  const float infinity = std::numeric_limits<float>::infinity();
-  addClip(n.layer, n.value(1 - constant), minimum ? -infinity : limit[0], minimum ? limit[0] : infinity);
-}
-
-void convertPow(OnnxNode& n) {
-  std::vector<float> power;
-  if (!n.floats(1, "the exponent", power)) return;
-  if (power.size() != 1 || power[0] != std::floor(power[0]) || std::abs(power[0]) > 1000.0f) {
-    n.layer.unsupported("exponents other than one whole number");
-    return;
-  }
-  addPower(n.layer, n.value(), static_cast<int>(power[0]), 1.0f, 0.0f);
-}
-
-void convertNeg(OnnxNode& n) { addPower(n.layer, n.value(), 1, -1.0f, 0.0f); }
 
 /// A constant among the parts has to be one value per channel, the same for the whole plane.
 bool constantPart(OnnxNode& n, size_t i, const std::string& like, std::string& part) {
@@ -448,52 +218,52 @@ void convertLrn(OnnxNode& n) {
 
 }  // namespace
 
-const OnnxType* findOnnxType(const std::string& op) {
-  static const std::map<std::string, OnnxType> types = {
-      {"Add", {convertSum}},
-      {"AveragePool", {convertOnnxAveragePool}},
-      {"BatchNormalization", {convertBatchNormalization}},
-      {"Cast", {convertCopy}},
-      {"Clip", {convertClip}},
-      {"Concat", {convertConcat}},
-      {"Conv", {convertOnnxConv}},
-      {"ConvTranspose", {convertOnnxConvTranspose}},
-      {"Div", {convertDiv}},
-      {"Dropout", {convertCopy}},
-      {"Flatten", {convertFlatten}},
-      {"Gemm", {convertGemm}},
-      {"GlobalAveragePool", {convertOnnxGlobalAveragePool}},
-      {"GlobalMaxPool", {convertOnnxGlobalMaxPool}},
-      {"HardSigmoid", {convertHardSigmoid}},
-      {"HardSwish", {convertHardSwish}},
-      {"Identity", {convertCopy}},
-      {"LRN", {convertLrn}},
-      {"LeakyRelu", {convertLeakyRelu}},
-      {"MatMul", {convertMatMul}},
-      {"Max", {convertMax}},
-      {"MaxPool", {convertOnnxMaxPool}},
-      {"Min", {convertMax}},
-      {"Mul", {convertMul}},
-      {"Neg", {convertNeg}},
-      {"PRelu", {convertPRelu}},
-      {"Pad", {convertOnnxPad}},
-      {"Pow", {convertPow}},
-      {"ReduceMean", {convertOnnxReduceMean}},
-      {"Relu", {convertRelu}},
-      {"Reshape", {convertReshape}},
-      {"Resize", {convertOnnxResize}},
-      {"Sigmoid", {convertSigmoid}},
-      {"Softmax", {convertSoftmax}},
-      {"Squeeze", {convertSqueeze}},
-      {"Sub", {convertSub}},
-      {"Sum", {convertSum}},
-      {"Tanh", {convertTanh}},
-      {"Transpose", {convertTranspose}},
-      {"Unsqueeze", {convertSqueeze}},
-      {"Upsample", {convertOnnxResize}},
+OnnxConverter findOnnxConverter(const std::string& op) {
+  static const std::map<std::string, OnnxConverter> types = {
+      {"Add", convertOnnxSum},
+      {"AveragePool", convertOnnxAveragePool},
+      {"BatchNormalization", convertBatchNormalization},
+      {"Cast", convertCopy},
+      {"Clip", convertOnnxClip},
+      {"Concat", convertConcat},
+      {"Conv", convertOnnxConv},
+      {"ConvTranspose", convertOnnxConvTranspose},
+      {"Div", convertOnnxDiv},
+      {"Dropout", convertCopy},
+      {"Flatten", convertFlatten},
+      {"Gemm", convertGemm},
+      {"GlobalAveragePool", convertOnnxGlobalAveragePool},
+      {"GlobalMaxPool", convertOnnxGlobalMaxPool},
+      {"HardSigmoid", convertOnnxHardSigmoid},
+      {"HardSwish", convertOnnxHardSwish},
+      {"Identity", convertCopy},
+      {"LRN", convertLrn},
+      {"LeakyRelu", convertOnnxLeakyRelu},
+      {"MatMul", convertMatMul},
+      {"Max", convertOnnxMax},
+      {"MaxPool", convertOnnxMaxPool},
+      {"Min", convertOnnxMax},
+      {"Mul", convertOnnxMul},
+      {"Neg", convertOnnxNeg},
+      {"PRelu", convertOnnxPRelu},
+      {"Pad", convertOnnxPad},
+      {"Pow", convertOnnxPow},
+      {"ReduceMean", convertOnnxReduceMean},
+      {"Relu", convertOnnxRelu},
+      {"Reshape", convertReshape},
+      {"Resize", convertOnnxResize},
+      {"Sigmoid", convertOnnxSigmoid},
+      {"Softmax", convertSoftmax},
+      {"Squeeze", convertSqueeze},
+      {"Sub", convertOnnxSub},
+      {"Sum", convertOnnxSum},
+      {"Tanh", convertOnnxTanh},
+      {"Transpose", convertTranspose},
+      {"Unsqueeze", convertSqueeze},
+      {"Upsample", convertOnnxResize},
   };
   const auto entry = types.find(op);
-  return entry == types.end() ? nullptr : &entry->second;
+  return entry == types.end() ? nullptr : entry->second;
 }
 
 }  // namespace corvalith::tools

@@ -52,12 +52,10 @@ class OnnxNode {
   std::set<std::string> asked_;
 };
 
-struct OnnxType {
-  void (*convert)(OnnxNode&);
-};
+using OnnxConverter = void (*)(OnnxNode&);
 
 /// Null for an operation that is not supported.
-const OnnxType* findOnnxType(const std::string& op);
+OnnxConverter findOnnxConverter(const std::string& op);
 
 // The operations on windows, in a file of their own.
 void convertOnnxConv(OnnxNode& n);
@@ -69,5 +67,22 @@ void convertOnnxGlobalAveragePool(OnnxNode& n);
 void convertOnnxReduceMean(OnnxNode& n);
 void convertOnnxPad(OnnxNode& n);
 void convertOnnxResize(OnnxNode& n);
+
+// The operations that work value by value, likewise.
+void convertOnnxRelu(OnnxNode& n);
+void convertOnnxTanh(OnnxNode& n);
+void convertOnnxSigmoid(OnnxNode& n);
+void convertOnnxLeakyRelu(OnnxNode& n);
+void convertOnnxPRelu(OnnxNode& n);
+void convertOnnxClip(OnnxNode& n);
+void convertOnnxHardSigmoid(OnnxNode& n);
+void convertOnnxHardSwish(OnnxNode& n);
+void convertOnnxSum(OnnxNode& n);
+void convertOnnxSub(OnnxNode& n);
+void convertOnnxMul(OnnxNode& n);
+void convertOnnxDiv(OnnxNode& n);
+void convertOnnxMax(OnnxNode& n);
+void convertOnnxPow(OnnxNode& n);
+void convertOnnxNeg(OnnxNode& n);
 
 }  // namespace corvalith::tools

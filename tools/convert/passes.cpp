@@ -249,6 +249,7 @@ void reuseBlocks(Graph& graph, bool mayDropNames) {
     const std::string &lost = graph.value(bottom).source, &kept = graph.value(top).source;
     if (!mayDropNames && !lost.empty() && lost != kept) continue;
     if (graph.isOutput(bottom) || graph.consumers(bottom).back() != i || sharesBlock(graph, bottom)) continue;
+    if (mayDropNames) note(graph, node, "works in place");
     graph.rename(bottom, top);
   }
 }
