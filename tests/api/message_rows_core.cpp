@@ -91,6 +91,20 @@ Way onNet(void (*calls)(NetBench& bench)) {
   });
 }
 
+/// The second slot's thread needs memory. The process's own manager has its device already.
+void workerThatCannotStart() {
+  setCpuSlotCount(2);
+  for (long number = 0, status = -1; status != 0; ++number) {
+    DeviceManager manager;
+    const AllocationFault memory(number);
+    try {
+      status = manager.deviceInit();
+    } catch (const std::bad_alloc&) {  // no memory for the device itself
+    }
+  }
+  setCpuSlotCount(1);
+}
+
 void halfPrecisionWeights() {
   NetBench bench(netOf(valid("Conv")), true);
   EXPECT_EQ(bench.build(), 0);
@@ -121,7 +135,7 @@ std::vector<Row> coreRows() {
          const int cpu[] = {CORVALITH_CPU}, floats[] = {CORVALITH_FP32}, id[] = {-1};
          EXPECT_EQ(CorvalithBuildAgent(cpu, floats, id, 1), nullptr);
        })},
-      {"DeviceManager", E, "CPU init fail", because("a CPU device's initialisation returns nothing but success")},
+      {"DeviceManager", E, "CPU init fail", onClass(workerThatCannotStart)},
       {"DeviceManager", E, "Error: clGetPlatformIDs error, err: %d", because(kNoGpu)},
       {"DeviceManager", E, "platforms_ malloc failed", because(kNoGpu)},
       {"DeviceManager", E, "Error: clGetDeviceIDs error, err: %d", because(kNoGpu)},
