@@ -177,7 +177,11 @@ int LayerLifecycle<Base>::reshape() {
   Shape shape;
   if (checkedTopShape(shape, messages().reshapeFail) != 0) return -1;
   Block* top = this->topBlocks_[0];
-  if ((top->shape() != shape || !hasMemory(top)) && top->reshape(shape) != 0) return failWith(messages().reshapeFail);
+  if (top->shape() != shape || !hasMemory(top)) {
+    const bool newMemory = !hasMemory(top) || top->shape().elements() < shape.elements();
+    if (top->reshape(shape) != 0) return failWith(messages().reshapeFail);
+    if (newMemory && top->clear() != 0) return -1;  // it can be read although the run fails further on
+  }
   if (implKnowsShapes()) return 0;
   implShapes_.clear();  // until it has succeeded, no shape counts as known
   if (this->impl_->reshape(this->bottomBlocks_, this->topBlocks_, special_, weight_.get(), bias_.get()) != 0) {
