@@ -9,6 +9,9 @@
 
 namespace corvalith::testing {
 
+/// Error or debug, as the log shows it.
+enum Priority : char { E = 'E', D = 'D' };
+
 /// How a row is provoked. A default one is no way at all, which the test refuses.
 struct Way {
   enum Kind { kNone, kPublic, kClass, kReason };
@@ -43,13 +46,11 @@ inline Way because(const char* reason) { return {Way::kReason, nullptr, reason};
 
 struct Row {
   const char* where;  // the function, class or layer type that logs it
-  char priority;      // 'E' error, 'D' debug
-  const char* text;   // the format string
+  Priority priority;
+  const char* text;  // the format string
   Way way;
   int times = 1;  // how often the scenario logs it at least: more where several places have one text
 };
-
-constexpr char E = 'E', D = 'D';
 
 constexpr const char* kNoGpu = "only a GPU device or one of its implementations logs it, and this build drives no GPU";
 

@@ -89,7 +89,7 @@ TEST(MessageTable, EveryTextIsProvokedOrExplained) {
   int ways[4] = {};
   std::set<std::string> seen;
   for (const Row& row : table) {
-    SCOPED_TRACE(std::string(row.where) + ": " + row.priority + "/" + row.text);
+    SCOPED_TRACE(std::string(row.where) + ": " + static_cast<char>(row.priority) + "/" + row.text);
     EXPECT_TRUE(seen.insert(std::string(row.where) + "\n" + row.text).second) << "twice in the table";
     ++ways[row.way.kind];
     if (row.way.kind == Way::kReason) {
