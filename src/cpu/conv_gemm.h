@@ -11,9 +11,11 @@ namespace corvalith {
 
 /// What follows the bias.
 struct NoActivation {
+  static constexpr bool kRelu = false;
   static void addBias(float* y, size_t n, float bias);
 };
 struct ReluActivation {
+  static constexpr bool kRelu = true;
   static void addBias(float* y, size_t n, float bias);
 };
 

@@ -1,6 +1,7 @@
 // "Conv": convolution with bias, in groups, with a ReLU fused behind it where the record asks for one.
 #include "core/log.h"
 #include "cpu/conv_gemm.h"
+#include "cpu/conv_wino.h"
 #include "layers/conv_base.h"
 #include "layers/registry.h"
 
@@ -31,11 +32,12 @@ class ConvLayer final : public ConvBaseLayer {
   }
 
   std::unique_ptr<Impl> makeImpl() override {
+    const bool winograd = param_.kernel_h == 3 && param_.kernel_w == 3 && param_.stride_h == 1 && param_.stride_w == 1;
     switch (basicParam_.activation) {
       case CONV_ACT_NONE:
-        return make<ConvCPUGEMMImpl>();
+        return winograd ? make<ConvCPUWINOImpl>() : make<ConvCPUGEMMImpl>();
       case CONV_ACT_RELU:
-        return make<ConvCPUGEMMWithActImpl>();
+        return winograd ? make<ConvCPUWINOWithActImpl>() : make<ConvCPUGEMMWithActImpl>();
       default:
         logDebug("unsupported activationType!!");
         return nullptr;

@@ -13,25 +13,37 @@ struct SpreadLayer {
   tools::ModelLayer layer;
 };
 
+SpreadLayer convolution(std::string name, const Shape& in, int outputs, int kernel, int group = 1) {
+  const int pad = kernel / 2;
+  return {std::move(name), in,
+          layer("Conv", "out", {"in"}, ConvParam{outputs, kernel, kernel, 1, 1, pad, pad, group, {}})};
+}
+
 std::vector<SpreadLayer> spreadLayers() {
   std::vector<SpreadLayer> all = {
-      {"convolution split by outputs",
-       {2, 5, 9, 11},
-       layer("Conv", "out", {"in"}, ConvParam{7, 3, 3, 1, 1, 1, 1, 1, {}})},
-      {"convolution split by pixels",
-       {2, 5, 4, 3},
-       layer("Conv", "out", {"in"}, ConvParam{23, 3, 3, 1, 1, 1, 1, 1, {}})},
+      convolution("convolution split by outputs", {2, 5, 9, 11}, 7, 5),
+      convolution("convolution split by pixels", {2, 5, 4, 3}, 23, 5),
+      convolution("Winograd split by tiles", {2, 5, 31, 37}, 7, 3),
+      convolution("Winograd split by tiles of a block", {1, 90, 40, 24}, 7, 3),
+      convolution("Winograd split by outputs", {2, 5, 4, 3}, 83, 3),
+      convolution("Winograd split within groups", {2, 15, 9, 21}, 21, 3, 3),
+      convolution("depthwise", {2, 11, 5, 6}, 22, 3, 11),
       {"fully connected", {3, 5, 4, 3}, layer("FC", "out", {"in"}, FCParam{13})},
       {"maximum pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{0, 3, 1, 2, 0})},
       {"normalisation", {2, 11, 5, 7}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
   };
   for (SpreadLayer& spread : all) {
-    size_t outputs = 0;
-    if (spread.layer.type == "Conv") outputs = static_cast<size_t>(spread.layer.specialAs<ConvParam>().num_output);
-    if (spread.layer.type == "FC") outputs = static_cast<size_t>(spread.layer.specialAs<FCParam>().num_output);
-    const size_t depth = spread.layer.type == "FC" ? 5 * 4 * 3 : 5 * 3 * 3;
-    spread.layer.weights = noise(outputs * depth, 1);
-    spread.layer.biases = noise(outputs, 2);
+    int outputs = 0, depth = spread.in.c;
+    if (spread.layer.type == "Conv") {
+      const ConvParam param = spread.layer.specialAs<ConvParam>();
+      outputs = param.num_output;
+      depth = depth / param.group * param.kernel_h * param.kernel_w;
+    } else if (spread.layer.type == "FC") {
+      outputs = spread.layer.specialAs<FCParam>().num_output;
+      depth *= spread.in.h * spread.in.w;
+    }
+    spread.layer.weights = noise(static_cast<size_t>(outputs) * static_cast<size_t>(depth), 1);
+    spread.layer.biases = noise(static_cast<size_t>(outputs), 2);
   }
   return all;
 }
@@ -66,7 +78,7 @@ TEST(Slots, NoneIsAFailure) {
     EXPECT_NE(net.run(), 0);
     ASSERT_FALSE(log.lines().empty());
     EXPECT_EQ(log.lines()[0], "E/CPU thread number must be bigger than 0");
-    if (spread.layer.type == "Conv") {
+    if (spread.name.rfind("convolution", 0) == 0) {
       for (const float value : net.output("out").values) EXPECT_EQ(value, 0);
     }
   }
