@@ -1,5 +1,5 @@
-// "Deconv": transposed convolution with bias. No device has an implementation yet, so initialising one fails.
-#include "core/log.h"
+// "Deconv": transposed convolution with bias, in groups.
+#include "cpu/deconv.h"
 #include "layers/conv_base.h"
 #include "layers/registry.h"
 
@@ -29,10 +29,7 @@ class DeconvLayer final : public ConvBaseLayer {
     return kernel + stride * (input - 1) - 2 * pad;
   }
 
-  std::unique_ptr<Impl> makeImpl() override {
-    logError("%s", messages().implInit);
-    return nullptr;
-  }
+  std::unique_ptr<Impl> makeImpl() override { return make<DeconvCPUImpl>(); }
 };
 
 CORVALITH_REGISTER_LAYER("Deconv", DeconvLayer)
