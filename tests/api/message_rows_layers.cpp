@@ -6,9 +6,6 @@
 namespace corvalith::testing {
 namespace {
 
-constexpr const char* kNoBoxes = "this build computes no boxes: the layer stops at its initialisation, before its top";
-constexpr const char* kNoDeconv = "this build has no implementation of the deconvolution";
-
 constexpr Shape kTwoChannels{1, 2, 4, 4};
 
 /// A special record that initialisation refuses.
@@ -37,16 +34,6 @@ Way refusedLater(const char* type, void (*change)(Record&)) {
   });
 }
 
-/// reshape() to two channels of a layer that may have no implementation of its own.
-void resizedWithBrokenImpl(const std::string& type) {
-  LayerBench bench(valid(type));
-  ASSERT_EQ(bench.configure(), 0);
-  bench.init();
-  breakImpl(*bench.layer);
-  bench.resizeInputs(kTwoChannels);
-  EXPECT_EQ(bench.layer->reshape(), -1);
-}
-
 void resizedToNothing(const std::string& type) {
   LayerBench bench(valid(type));
   ASSERT_EQ(bench.configure(), 0);
@@ -72,10 +59,26 @@ void inputTooEarly(const std::string& type) {
   EXPECT_EQ(dynamic_cast<BaseDataLayer&>(*bench.layer).setInput(&value), -1);
 }
 
+/// A record of prepared weights that were never read.
+void initialisedWithoutWeights(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(LOAD_NB), 0);
+  EXPECT_EQ(bench.init(), -1);
+}
+
 void fewerProducersThanNames(const std::string& type) {
   LayerBench bench(valid(type));
   ASSERT_EQ(bench.configure(), 0);
   EXPECT_EQ(bench.init(1), -1);
+}
+
+/// One minimum size, two maximum sizes.
+void runWithUnequalSizes() {
+  PublicAgent agent;
+  const auto priors = changed<PriorBoxParam>("PriorBox", [](PriorBoxParam& p) { p.max_size_count = p.num_priors = 2; });
+  ASSERT_EQ(agent.build(netOf(priors)), 0);
+  ASSERT_EQ(CorvalithInitialize(agent.handle()), 0);
+  EXPECT_EQ(CorvalithExecuteNet(agent.handle()), -1);
 }
 
 /// A convolution whose buffers grow far beyond its input and output.
@@ -178,14 +181,14 @@ std::vector<Row> layerRows() {
       {"Deconv", E, "DeconvLayer impl forward fail", onClass(forwardWithBrokenImpl)},
       {"Deconv", E, "DeconvLayer reshape bottom count error", onClass(reshapedTooEarly)},
       {"Deconv", E, "DeconvLayer reshape top count error", onClass(reshapedWithoutTop)},
-      {"Deconv", E, "deconv reshape fail", onClass(resizedWithBrokenImpl)},
-      {"Deconv", E, "DeconvLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
-      {"DeconvCPUImpl", E, "DeconvCPUImpl transBottom create fail", because(kNoDeconv)},
-      {"DeconvCPUImpl", E, "DeconvCPUImpl converTop create fail", because(kNoDeconv)},
-      {"DeconvCPUImpl", E, "weight get data failed", because(kNoDeconv)},
-      {"DeconvCPUImpl", E, "DeconvCPUImpl weightBuffer_ create fail", because(kNoDeconv)},
-      {"DeconvCPUImpl", E, "DeconvCPUImpl transBottom buffer reshape fail", because(kNoDeconv)},
-      {"DeconvCPUImpl", E, "DeconvCPUImpl converTop buffer reshape fail", because(kNoDeconv)},
+      {"Deconv", E, "deconv reshape fail", publicly(resized(valid("Deconv"), kTwoChannels))},
+      {"Deconv", E, "DeconvLayer impl reshape fail", publicly(outOfMemoryInRun)},
+      {"Deconv", E, "DeconvCPUImpl transBottom create fail", publicly(outOfMemoryInInit)},
+      {"Deconv", E, "DeconvCPUImpl converTop create fail", publicly(outOfMemoryInInit)},
+      {"Deconv", E, "weight get data failed", onClass(initialisedWithoutWeights)},
+      {"Deconv", E, "DeconvCPUImpl weightBuffer_ create fail", publicly(outOfMemoryInInit)},
+      {"Deconv", E, "DeconvCPUImpl transBottom buffer reshape fail", publicly(outOfMemoryInRun)},
+      {"Deconv", E, "DeconvCPUImpl converTop buffer reshape fail", publicly(outOfMemoryInRun)},
 
       {"FC", E, "Error: Unmatched fc layers' basic parameter", publicly(shortRecord)},
       {"FC", E, "block create fail", publicly(outOfMemoryInBuild)},
@@ -428,13 +431,13 @@ std::vector<Row> layerRows() {
       // ---- Detection
       {"PriorBox", E, "Error: Unmatched PriorBox layer's basic parameter %d %zu", publicly(shortRecord)},
       {"PriorBox", E, "PriorBoxLayer bottom count error", publicly(wrongBottoms)},
-      {"PriorBox", E, "PriorBoxLayer top data create fail", because(kNoBoxes)},
+      {"PriorBox", E, "PriorBoxLayer top data create fail", publicly(outOfMemoryInInit)},
       {"PriorBox", E, "PriorBoxLayer impl init fail",
        refused<PriorBoxParam>("PriorBox", [](PriorBoxParam& p) { p.num_priors = 2; })},
-      {"PriorBox", E, "PriorBoxLayer impl forward fail", onClass(forwardWithBrokenImpl)},
-      {"PriorBox", E, "maxSizeSize must be equal to minSizeSize", because(kNoBoxes)},
+      {"PriorBox", E, "PriorBoxLayer impl forward fail", publicly(runWithUnequalSizes)},
+      {"PriorBox", E, "maxSizeSize must be equal to minSizeSize", publicly(runWithUnequalSizes)},
       {"PriorBox, reshape", E, "PriorBoxLayer bottom count error", onClass([] { reshapedTooEarly("PriorBox"); })},
-      {"PriorBox", E, "PriorBoxLayer reshape fail", because(kNoBoxes)},
+      {"PriorBox", E, "PriorBoxLayer reshape fail", publicly(outOfMemoryInRun)},
       {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl minSizeBuffer_ create fail", because(kNoGpu)},
       {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl maxSizeBuffer_ create fail", because(kNoGpu)},
       {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl ratioBuffer_ create fail", because(kNoGpu)},
@@ -448,13 +451,14 @@ std::vector<Row> layerRows() {
       {"DetectionOutput", E, "Error: Unmatched DetectionOUput layer's basic parameter", publicly(shortRecord)},
       {"DetectionOutput", E, "Error: Unmatched DetectionOutput layer's special parameter", publicly(wrongSpecial)},
       {"DetectionOutput", E, "DetectionOutputLayer bottom count error", publicly(wrongBottoms)},
-      {"DetectionOutput", E, "DetectionOutput top data create fail", because(kNoBoxes)},
+      {"DetectionOutput", E, "DetectionOutput top data create fail", publicly(outOfMemoryInInit)},
       {"DetectionOutput", E, "DetectionOutputLayer impl init fail",
        refused<DetectionOutputParam>("DetectionOutput", [](DetectionOutputParam& p) { p.num_classes = 3; })},
       {"DetectionOutput", E, "DetectionOutputLayer impl forward fail", onClass(forwardWithBrokenImpl)},
       {"DetectionOutput", E, "DetectionOutputLayer reshape bottom count error", onClass(reshapedTooEarly)},
       {"DetectionOutput", E, "DetectionOutputLayer reshape top count error", onClass(reshapedWithoutTop)},
-      {"DetectionOutput", E, "DetectionOutputLayer impl reshape fail", because(kNoBoxes)},
+      {"DetectionOutput", E, "DetectionOutputLayer impl reshape fail",
+       publicly(resized(valid("DetectionOutput"), {1, 5, 1, 1}))},
       {"DetectionOutputGPUImpl", E, "set kernel failed", because(kNoGpu)},
       {"DetectionOutputGPUImpl", E, "DetectionOutputGPUImpl locData_ map failed", because(kNoGpu)},
       {"DetectionOutputGPUImpl", E, "DetectionOutputGPUImpl confData_ map failed", because(kNoGpu)},
