@@ -36,7 +36,11 @@ int Net::setInput(float* data, int batch, int channel, int height, int width, co
   Block* input = layer->getInput();
   if (input == nullptr) return fail("SetInput inputData Not Exist");
   const Shape shape{batch, channel, height, width};
-  if (data == nullptr || !shape.usable()) return fail("set input failed");  // before anything has changed
+  if (!shape.usable()) return -1;
+  if (data == nullptr) {  // asked before the block changes its shape
+    logError("input buffer err");
+    return fail("set input failed");
+  }
   if ((input->shape() != shape || input->getData() == nullptr) && input->reshape(shape) != 0) {
     return fail("reshape failed");
   }
