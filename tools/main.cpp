@@ -1,6 +1,7 @@
 // The command line of `corvalith`. What its subcommands do is in commands/.
 #include <CLI/CLI.hpp>
-#include <exception>
+#include <algorithm>
+#include <new>
 
 #include "tools/commands/commands.h"
 
@@ -8,19 +9,25 @@ namespace {
 
 using namespace corvalith::tools;
 
-/// One number for all channels, or three.
-std::array<float, 3> channels(const std::vector<float>& values) {
-  return values.size() == 1 ? std::array<float, 3>{values[0], values[0], values[0]}
-                            : std::array<float, 3>{values[0], values[1], values[2]};
+/// "127.5" for all channels, or "104,117,123".
+void addChannels(CLI::App& app, const char* name, std::array<float, 3>& target, const char* help) {
+  const auto parse = [name, &target](const std::string& text) {
+    std::vector<float> values;
+    for (const std::string& part : CLI::detail::split(text, ',')) {
+      float value = 0;
+      if (!CLI::detail::lexical_cast(part, value)) throw CLI::ValidationError(name, part + " is no number");
+      values.push_back(value);
+    }
+    if (values.size() == 1) values.resize(3, values[0]);
+    if (values.size() != 3) throw CLI::ValidationError(name, "takes one number or three");
+    std::copy(values.begin(), values.end(), target.begin());
+  };
+  app.add_option_function<std::string>(name, parse, help)->type_name("N or N,N,N");
 }
 
-void addChannels(CLI::App& app, const char* name, std::array<float, 3>& target, const char* help) {
-  app.add_option_function<std::vector<float>>(
-         name, [&target](const std::vector<float>& values) { target = channels(values); }, help)
-      ->delimiter(',')
-      ->type_name("N or N,N,N")
-      ->check([count = 0](const std::string&) mutable { return ++count > 3 ? "takes one number or three" : ""; })
-      ->expected(1, 3);
+/// An option that may be given several times, with one value each time.
+CLI::Option* addList(CLI::App& app, const char* name, std::vector<std::string>& target, const char* help) {
+  return app.add_option(name, target, help)->allow_extra_args(false);
 }
 
 void addEngineOptions(CLI::App& app, int& threads, bool& verbose) {
@@ -32,7 +39,7 @@ CLI::App& addConvert(CLI::App& app, ConvertCommand& command) {
   CLI::App& sub = *app.add_subcommand("convert", "make a model file from a Caffe or ONNX network");
   sub.footer("corvalith convert net.prototxt net.caffemodel out.cvm\ncorvalith convert net.onnx out.cvm");
   sub.add_option("files", command.files, "the network, then the model file to write")->required()->expected(2, 3);
-  sub.add_option("--input-shape", command.inputShapes, "shape of an input instead of the network's own")
+  addList(sub, "--input-shape", command.inputShapes, "shape of an input instead of the network's own")
       ->type_name("NAME=N,C,H,W");
   sub.add_flag("--no-optimize", command.noOptimize, "fold nothing: every name of the network stays readable");
   sub.add_flag("--quiet", command.quiet, "do not list the rewrites");
@@ -53,10 +60,10 @@ CLI::App& addInspect(CLI::App& app, InspectCommand& command) {
 CLI::App& addRun(CLI::App& app, RunCommand& command) {
   CLI::App& sub = *app.add_subcommand("run", "run a model file once");
   sub.add_option("model", command.model, "model file")->required();
-  sub.add_option("--input", command.inputs, "float32 .npy array for an input layer; the name may be left out")
+  addList(sub, "--input", command.inputs, "float32 .npy array for an input layer; the name may be left out")
       ->type_name("[NAME=]FILE.npy");
-  sub.add_option("--image", command.images,
-                 "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
+  addList(sub, "--image", command.images,
+          "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
       ->type_name("[NAME=]FILE");
   addChannels(sub, "--mean", command.image.mean, "subtracted from pixels (0 to 255), in the network's channel order");
   addChannels(sub, "--scale", command.image.scale, "what the difference is multiplied by");
@@ -65,7 +72,7 @@ CLI::App& addRun(CLI::App& app, RunCommand& command) {
          "the network's channels: rgb or bgr [rgb]")
       ->check(CLI::IsMember({"rgb", "bgr"}))
       ->type_name("ORDER");
-  sub.add_option("--output", command.outputs, "write a top as a .npy array")->type_name("TOP=FILE.npy");
+  addList(sub, "--output", command.outputs, "write a top as a .npy array")->type_name("TOP=FILE.npy");
   sub.add_option("--top", command.top, "how many of the network output's largest values to print")
       ->check(CLI::Range(0, 1 << 28))
       ->capture_default_str();

@@ -1,6 +1,7 @@
 #include "tools/common/image.h"
 
 #include <gtest/gtest.h>
+#include <jpeglib.h>
 #include <png.h>
 
 #include "tests/support/temp_dir.h"
@@ -66,6 +67,41 @@ TEST(ImageTest, ReadsPngAndRefusesDamagedFiles) {
   error.clear();
   EXPECT_FALSE(readImage(dir.write("a.jpg", {'\xff', '\xd8', '\xff', '\xe0', 'x', 'y'}), read, error));
   EXPECT_FALSE(error.empty());
+}
+
+TEST(ImageTest, ReadsJpegOfColourAndGrey) {
+  for (const int components : {3, 1}) {
+    jpeg_compress_struct codec;
+    jpeg_error_mgr errors;
+    codec.err = jpeg_std_error(&errors);
+    jpeg_create_compress(&codec);
+    unsigned char* data = nullptr;
+    unsigned long size = 0;
+    jpeg_mem_dest(&codec, &data, &size);
+    codec.image_width = codec.image_height = 16;
+    codec.input_components = components;
+    codec.in_color_space = components == 3 ? JCS_RGB : JCS_GRAYSCALE;
+    jpeg_set_defaults(&codec);
+    jpeg_start_compress(&codec, TRUE);
+    std::vector<uint8_t> line(16 * 3);
+    for (size_t i = 0; i < line.size(); ++i) line[i] = components == 1 ? 90 : static_cast<uint8_t>(60 + i % 3 * 60);
+    for (int y = 0; y < 16; ++y) {
+      JSAMPROW row = line.data();
+      jpeg_write_scanlines(&codec, &row, 1);
+    }
+    jpeg_finish_compress(&codec);
+    jpeg_destroy_compress(&codec);
+    testing::TempDir dir;
+    Image read;
+    std::string error;
+    ASSERT_TRUE(readImage(dir.write("a.jpg", {data, data + size}), read, error)) << error;
+    ASSERT_EQ(16, read.width);
+    const int expected[] = {components == 1 ? 90 : 60, components == 1 ? 90 : 120, components == 1 ? 90 : 180};
+    for (size_t c = 0; c < 3; ++c) EXPECT_NEAR(expected[c], read.rgb.at(3 * 100 + c), 4);
+    error.clear();
+    EXPECT_FALSE(readImage(dir.write("b.jpg", {data, data + 30}), read, error) && error.empty());
+    std::free(data);
+  }
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ TEST_F(ProgramTest, ConvertsInspectsRunsAndTimesAModel) {
 
   std::string error;
   ASSERT_TRUE(tools::writeNpy(in, {{1, 3, 1, 2}, {0, 1, 2, 3, 4, -5}}, error)) << error;
-  ASSERT_EQ(0, run("run " + model + " --input in:0=" + in + " --output y=" + out + " --top 2")) << text;
+  ASSERT_EQ(0, run("run --input in:0=" + in + " " + model + " --output y=" + out + " --top 2")) << text;
   EXPECT_EQ("output 1x3x1x2\n       4  9\n       3  7\n", text);
   tools::Npy result;
   ASSERT_TRUE(tools::readNpy(out, result, error)) << error;
@@ -84,6 +84,8 @@ TEST_F(ProgramTest, EveryFailureIsALineAndAStatus) {
       {"run " + model + " --input " + onnx, "not a .npy file"},
       {"run " + model + " --input " + dir.file("none.npy"), "No such file"},
       {"run " + model + " --image " + in, "neither a PNG nor a JPEG"},
+      {"run --mean 1,2 " + model, "one number or three"},
+      {"run --scale x " + model, "no number"},
       {"bench " + onnx, "error"},
       {"bench --threads 9 " + model, "--threads"},
       {"frobnicate", "subcommand"},

@@ -273,20 +273,29 @@ bool filled(const onnx::Node& node, const Constant& shape, Constant& result) {
 }
 
 bool constantNode(const onnx::Node& node, Constant& result, std::string& error) {
-  for (const auto& attribute : node.attribute()) {
-    if (attribute.name() == "value") return readTensor(attribute.t(), result, error);
-    if (attribute.name() == "value_float") return result.floats = {attribute.f()}, true;
-    if (attribute.name() == "value_int") return result = wholeList({attribute.i()}), result.dims.clear(), true;
-    if (attribute.name() == "value_ints") {
-      return result = wholeList({attribute.ints().begin(), attribute.ints().end()}), true;
-    }
-    if (attribute.name() == "value_floats") {
-      result.floats.assign(attribute.floats().begin(), attribute.floats().end());
-      return result.dims = {attribute.floats_size()}, true;
-    }
+  if (const onnx::Attribute* value = attribute(node, "value")) return readTensor(value->t(), result, error);
+  if (const onnx::Attribute* value = attribute(node, "value_float")) {
+    result.floats = {value->f()};
+  } else if (const onnx::Attribute* values = attribute(node, "value_floats")) {
+    result.floats.assign(values->floats().begin(), values->floats().end());
+    result.dims = {values->floats_size()};
+  } else if (const onnx::Attribute* value = attribute(node, "value_int")) {
+    result = wholeList({value->i()});
+    result.dims.clear();
+  } else if (const onnx::Attribute* values = attribute(node, "value_ints")) {
+    result = wholeList({values->ints().begin(), values->ints().end()});
+  } else {
+    error = "a constant of an unsupported kind";
+    return false;
   }
-  error = "a constant of an unsupported kind";
-  return false;
+  return true;
+}
+
+bool converted(const onnx::Node& node, const Constant& from, Constant& result) {
+  const int64_t to = intAttribute(node, "to", 0);
+  const bool whole = to == kInt64 || to == kInt32;
+  result = from;
+  return whole == from.whole && (whole || to == kFloat);
 }
 
 }  // namespace
@@ -316,12 +325,11 @@ bool evaluate(const onnx::Node& node, const std::vector<const Constant*>& inputs
   const Constant& first = *inputs[0];
   const Constant* second = inputs.size() > 1 ? inputs[1] : nullptr;
   if (op == "ConstantOfShape") return filled(node, first, result);
-  if (op == "Identity" || op == "Dropout") return result = first, true;
-  if (op == "Cast") {
-    const int64_t to = intAttribute(node, "to", 0);
-    const bool whole = to == kInt64 || to == kInt32;
-    return result = first, whole == first.whole && (whole || to == kFloat);
+  if (op == "Identity" || op == "Dropout") {
+    result = first;
+    return true;
   }
+  if (op == "Cast") return converted(node, first, result);
   if (op == "Transpose") return transposed(first, list(node, inputs, "perm"), result);
   if (op == "Concat") return joined(node, inputs, result);
   if (op == "Slice") return sliced(node, inputs, result);
