@@ -2,6 +2,7 @@
 
 #include "tests/api/message_scenarios.h"
 #include "tests/api/message_table.h"
+#include "tests/support/allocation_faults.h"
 
 namespace corvalith::testing {
 namespace {
@@ -57,6 +58,19 @@ void inputTooEarly(const std::string& type) {
   ASSERT_EQ(bench.configure(), 0);
   float value = 0;
   EXPECT_EQ(dynamic_cast<BaseDataLayer&>(*bench.layer).setInput(&value), -1);
+}
+
+/// Runs although there was memory for the larger top only. No network does that.
+void runWithoutPadBuffer(const std::string& type) {
+  LayerBench bench(valid(type));
+  ASSERT_EQ(bench.configure(), 0);
+  ASSERT_EQ(bench.init(), 0);
+  bench.resizeInputs({1, 3, 8, 8});
+  {
+    const AllocationLimit memory(1024);  // the top has 512 bytes, the pad buffer 1232 and more
+    ASSERT_EQ(bench.layer->reshape(), -1);
+  }
+  EXPECT_EQ(bench.layer->forward(), -1);
 }
 
 /// A record of prepared weights that were never read.
@@ -156,7 +170,7 @@ std::vector<Row> layerRows() {
          initialised(layer)();
        })},
       {"Conv", E, "convLayer impl init fail", refused<ConvParam>("Conv", [](ConvParam& p) { p.stride_w = 0; })},
-      {"Conv", E, "convLayer impl forward fail", onClass(forwardWithBrokenImpl)},
+      {"Conv", E, "convLayer impl forward fail", publicly([] { outOfMemoryInRun("Conv 3x3"); })},
       {"Conv", E, "ConvLayer reshape bottom count error", onClass(reshapedTooEarly)},
       {"Conv", E, "ConvLayer reshape top count error", onClass(reshapedWithoutTop)},
       {"Conv", E, "conv reshape failed", publicly(resized(valid("Conv"), kTwoChannels))},
@@ -170,6 +184,14 @@ std::vector<Row> layerRows() {
        })},
       {"Conv", E, "reshape failed", publicly(resized(wideConv(31, 15, 1), kWide))},
       {"Conv", E, "CPU thread number must be bigger than 0", onClass(runWithoutSlots)},
+
+      {"Conv 3x3", E, "ConvCPUWINOImpl pad buffer create fail", publicly(outOfMemoryInInit)},
+      {"Conv 3x3", E, "pad clear failed", onClass(runWithoutPadBuffer)},
+      {"Conv 3x3", E, "ConvCPUWINOImpl convert buffer create fail", publicly(outOfMemoryInInit)},
+      {"Conv 3x3", E, "ConvCPUWINOImpl weight buffer create fail", publicly(outOfMemoryInInit)},
+      {"Conv 3x3", E, "ConvCPUWINOImpl memory alloc fail", publicly(outOfMemoryInRun)},
+      {"Conv 3x3", E, "reshape failed", publicly(outOfMemoryInRun)},
+      {"Conv 3x3", E, "CPU thread number must be bigger than 0", onClass(runWithoutSlots)},
 
       {"Deconv", E, "Error: Unmatched Deconv layer's basic parameter", publicly(shortRecord)},
       {"Deconv", E, "block create fail", publicly(outOfMemoryInBuild)},
@@ -454,7 +476,7 @@ std::vector<Row> layerRows() {
       {"DetectionOutput", E, "DetectionOutput top data create fail", publicly(outOfMemoryInInit)},
       {"DetectionOutput", E, "DetectionOutputLayer impl init fail",
        refused<DetectionOutputParam>("DetectionOutput", [](DetectionOutputParam& p) { p.num_classes = 3; })},
-      {"DetectionOutput", E, "DetectionOutputLayer impl forward fail", onClass(forwardWithBrokenImpl)},
+      {"DetectionOutput", E, "DetectionOutputLayer impl forward fail", publicly(outOfMemoryInRun)},
       {"DetectionOutput", E, "DetectionOutputLayer reshape bottom count error", onClass(reshapedTooEarly)},
       {"DetectionOutput", E, "DetectionOutputLayer reshape top count error", onClass(reshapedWithoutTop)},
       {"DetectionOutput", E, "DetectionOutputLayer impl reshape fail",

@@ -95,6 +95,11 @@ int PublicAgent::feed(const std::string& layerName, const Shape& s) {
 }
 
 tools::ModelLayer valid(const std::string& type) {
+  if (type == "Conv 3x3") {
+    tools::ModelLayer conv = changed<ConvParam>("Conv", [](ConvParam& p) { p.kernel_h = p.kernel_w = 3; });
+    conv.weights.resize(2 * 3 * 3 * 3, 1);
+    return conv;
+  }
   tools::ModelLayer made = layer(type, "tested", {"in"});
   if (type == "Concat" || type == "Eltwise" || type == "Crop" || type == "PriorBox") made.bottoms = {"in", "in2"};
   if (type == "DetectionOutput") made.bottoms = {"in", "in2", "in3"};
@@ -142,7 +147,7 @@ tools::ModelLayer valid(const std::string& type) {
   if (type == "DetectionOutput") {
     DetectionOutputParam p;
     p.num_classes = 2;
-    p.keep_top_k = 1;
+    p.keep_top_k = p.code_type = 1;
     set(made, p);
   }
   return made;
@@ -238,14 +243,19 @@ void outOfMemoryInInput(const std::string& type) {
 
 void outOfMemoryInRun(const std::string& type) {
   const tools::ModelLayer layer = valid(type);
+  const auto grown = [&](size_t input) {
+    Shape shape = inputShape(type, input);
+    if (type == "DetectionOutput" && input == 2) return shape;  // the priors are those of every image
+    shape.n = 2;
+    if (type != "DetectionOutput" && type != "FC") shape.h = shape.w = 5;  // FC follows no other change than the batch
+    return shape;
+  };
   withEveryAllocationFailing(
       [&](PublicAgent& agent) {
         buildAndInitialise(agent, layer);
-        const Shape grown = type == "FC" ? Shape{2, 3, 4, 4} : Shape{2, 3, 5, 5};  // FC follows no other change
-        if (layer.bottoms.empty()) {
-          ASSERT_EQ(agent.feed(layer.name, grown), 0);
-        }
-        for (const std::string& bottom : layer.bottoms) ASSERT_EQ(agent.feed(bottom, grown), 0);
+        const std::vector<std::string> own{layer.name};
+        const std::vector<std::string>& inputs = layer.bottoms.empty() ? own : layer.bottoms;
+        for (size_t i = 0; i < inputs.size(); ++i) ASSERT_EQ(agent.feed(inputs[i], grown(i)), 0);
       },
       [](PublicAgent& agent) { return CorvalithExecuteNet(agent.handle()); });
 }

@@ -42,7 +42,7 @@ class PublicAgent {
 constexpr Shape kInput{1, 3, 4, 4};
 Shape inputShape(const std::string& type, size_t input);
 
-/// A layer "tested" of that type that works on those inputs.
+/// A layer "tested" of that type that works on those inputs. "Conv 3x3" is a convolution with such a kernel.
 tools::ModelLayer valid(const std::string& type);
 
 /// The same with its special record changed.

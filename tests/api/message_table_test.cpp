@@ -155,7 +155,7 @@ TEST(MessageOrder, InitialisingRunningAndAskingFailFromTheLayerUp) {
             }),
             (Lines{"D/all characters read successfully.", "D/descriptor_:1,3,4,4", "E/SetInput inputData Not Exist",
                    "E/set input failed", "E/conv reshape failed", "E/Layer 1 reshape fail", "E/net forward failed",
-                   "E/inference failed", "E/set input failed", "E/set input failed",
+                   "E/inference failed", "E/input buffer err", "E/set input failed", "E/set input failed",
                    "E/get layer failed,try layerName: in", "E/set input failed"}));
   int n, c, h, w;
   EXPECT_EQ(
