@@ -131,7 +131,8 @@ Verdict only(bool accepted) { return accepted ? Verdict::kAccepted : Verdict::kR
 Verdict refusedIf(bool refused) { return refused ? Verdict::kRefused : Verdict::kEither; }
 int32_t asSigned(uint32_t value) { return static_cast<int32_t>(value); }
 bool readsSpecialSize(const std::string& type) {
-  for (const char* unread : {"Conv", "FC", "Crop", "Permute", "Softmax", "ReLU", "PReLU", "Tanh"}) {
+  for (const char* unread :
+       {"Conv", "Deconv", "FC", "Crop", "Permute", "Softmax", "PriorBox", "ReLU", "PReLU", "Tanh"}) {
     if (type == unread) return false;
   }
   return true;
@@ -139,7 +140,7 @@ bool readsSpecialSize(const std::string& type) {
 
 /// What follows from one word of a basic record, given by its offset, alone.
 Verdict ofBasicWord(const ModelLayer& layer, size_t offset, uint32_t value) {
-  const bool weighted = layer.type == "Conv" || layer.type == "FC";
+  const bool weighted = layer.type == "Conv" || layer.type == "Deconv" || layer.type == "FC";
   const bool perChannel = layer.type == "Scale" || (layer.type == "BatchNorm" && !layer.weights.empty());
   switch (offset) {
     case offsetof(LayerBasicParam, topCount):
@@ -213,7 +214,7 @@ std::vector<Damage> words(const ModelLayer& layer) {
     list.push_back({offset, [&layer, offset](uint32_t value) { return ofBasicWord(layer, offset, value); }});
   }
   for (size_t word = 0; word < std::min<size_t>(layer.special.size() / 4, 60); ++word) {
-    if (layer.type == "Conv" && word > 8) break;  // unread words, all alike
+    if (layer.special.size() == sizeof(ConvParam) && word > 8) break;  // unread words, all alike
     list.push_back({sizeof(LayerBasicParam) + 4 * word,
                     [&layer, word](uint32_t value) { return ofSpecialWord(layer, word, value); }});
   }
@@ -269,8 +270,7 @@ bool isSize(const ModelLayer& layer, const Damage& damage) {
 }
 
 TEST_F(HostileSweep, PairsOfWordsInOneRecord) {
-  std::vector<ModelLayer> layers = everyTypeModel();
-  for (const ModelLayer& layer : remainingTypes()) layers.push_back(layer);
+  const std::vector<ModelLayer> layers = everyTypeModel();
   for (size_t i = 0; i < layers.size(); ++i) {
     const std::vector<ModelLayer> net = onlyLayer(layers, i);
     const std::vector<char> whole = tools::modelBytes("pair", net);
@@ -278,8 +278,6 @@ TEST_F(HostileSweep, PairsOfWordsInOneRecord) {
     std::vector<Damage> sizes;
     for (const Damage& damage : words(layers[i])) {
       if (isSize(layers[i], damage)) sizes.push_back(damage);
-      if (i < everyTypeModel().size()) continue;
-      for (const uint32_t value : kNasty) live(patched(whole, record + damage.offset, value));
     }
     for (size_t a = 0; a < sizes.size(); ++a) {
       for (size_t b = a + 1; b < std::min(sizes.size(), a + 5); ++b) {

@@ -36,29 +36,34 @@ class PublicAgent {
                                 layerName.c_str(), netIndex);
   }
   int run() { return CorvalithExecuteNet(handle_); }
-  /// Without values when a step fails.
+  /// Without values when a step fails, or when there would be more than a test should ask for.
   Tensor netOutput(int netIndex = 0) {
     Tensor result;
     Shape& s = result.shape;
-    if (CorvalithGetNetOutputSize(handle_, &s.n, &s.c, &s.h, &s.w, netIndex) != 0) return result;
-    result.values.resize(static_cast<size_t>(s.elements()));
-    const int count = static_cast<int>(result.values.size());
-    if (CorvalithGetNetOutput(handle_, result.values.data(), count, netIndex) != 0) result.values.clear();
+    if (CorvalithGetNetOutputSize(handle_, &s.n, &s.c, &s.h, &s.w, netIndex) == 0 && makeRoom(result)) {
+      const int count = static_cast<int>(result.values.size());
+      if (CorvalithGetNetOutput(handle_, result.values.data(), count, netIndex) != 0) result.values.clear();
+    }
     return result;
   }
   Tensor layerOutput(const std::string& topName, int netIndex = 0) {
     Tensor result;
     Shape& s = result.shape;
-    if (CorvalithGetLayerOutputSize(handle_, topName.c_str(), &s.n, &s.c, &s.h, &s.w, netIndex) != 0) return result;
-    result.values.resize(static_cast<size_t>(s.elements()));
-    const int count = static_cast<int>(result.values.size());
-    if (CorvalithGetLayerOutput(handle_, result.values.data(), count, topName.c_str(), netIndex) != 0) {
-      result.values.clear();
+    const char* const name = topName.c_str();
+    if (CorvalithGetLayerOutputSize(handle_, name, &s.n, &s.c, &s.h, &s.w, netIndex) == 0 && makeRoom(result)) {
+      const int count = static_cast<int>(result.values.size());
+      if (CorvalithGetLayerOutput(handle_, result.values.data(), count, name, netIndex) != 0) result.values.clear();
     }
     return result;
   }
 
  private:
+  static bool makeRoom(Tensor& tensor) {
+    if (tensor.shape.elements() < 0 || tensor.shape.elements() > 1 << 20) return false;
+    tensor.values.resize(static_cast<size_t>(tensor.shape.elements()));
+    return true;
+  }
+
   void* handle_;
 };
 

@@ -48,6 +48,30 @@ ConvParam conv(int outputs, int kernel, int stride, int pad, int group) {
   return p;
 }
 
+PriorBoxParam threeBoxesPerCell() {
+  PriorBoxParam prior;
+  prior.min_size_count = prior.max_size_count = 1;
+  prior.min_sizes[0] = 2;
+  prior.max_sizes[0] = 4;
+  prior.variance_count = 4;
+  std::fill_n(prior.variances, 4, 0.1f);
+  prior.ratio_count = 2;
+  prior.ratios[1] = 2;
+  prior.num_priors = 3;
+  return prior;
+}
+
+/// For 27 prior boxes, with 108 locations and 108 confidences.
+DetectionOutputParam fourClasses() {
+  DetectionOutputParam detection;
+  detection.num_classes = 4;
+  detection.confidence_threshold = -1e6f;
+  detection.code_type = 2;
+  detection.top_k = 5;
+  detection.keep_top_k = 4;
+  return detection;
+}
+
 }  // namespace
 
 std::vector<ModelLayer> everyTypeModel() {
@@ -75,31 +99,11 @@ std::vector<ModelLayer> everyTypeModel() {
       layer("Permute", "permute", {"crop"}, PermuteParam{4, {0, 2, 3, 1}}),
       layer("Flatten", "flat", {"permute"}, FlattenParam{1, -1}),                 // 1, 108, 1, 1
       layer("Reshape", "reshape", {"flat"}, ReshapeParam{{0, -1, 9, 2}, 0, -1}),  // 1, 6, 9, 2
+      withValues(layer("Deconv", "deconv", {"conv"}, conv(2, 2, 2, 0, 1)), 2 * 4 * 2 * 2, 2),
+      layer("PriorBox", "priors", {"sum", "data"}, threeBoxesPerCell()),  // 1, 2, 108, 1
+      layer("DetectionOutput", "boxes", {"flat", "crop", "priors"}, fourClasses()),
       layer("Softmax", "softmax", {"reshape"}, SoftmaxParam{2}),
       withValues(layer("FC", "fc", {"softmax"}, FCParam{5}), 5 * 108, 5),
-  };
-}
-
-std::vector<ModelLayer> remainingTypes() {
-  PriorBoxParam prior;
-  prior.min_size_count = prior.max_size_count = 1;
-  prior.min_sizes[0] = 2;
-  prior.max_sizes[0] = 4;
-  prior.variance_count = 4;
-  std::fill_n(prior.variances, 4, 0.1f);
-  prior.ratio_count = 2;
-  prior.ratios[1] = 2;
-  prior.num_priors = 3;
-  // 27 prior boxes: 108 locations, and 108 confidences of four classes
-  DetectionOutputParam detection;
-  detection.num_classes = 4;
-  detection.code_type = 2;
-  detection.top_k = 5;
-  detection.keep_top_k = 4;
-  return {
-      withValues(layer("Deconv", "deconv", {"conv"}, conv(2, 2, 2, 0, 1)), 2 * 4 * 2 * 2, 2),
-      layer("PriorBox", "priors", {"sum", "data"}, prior),  // 1, 2, 108, 1
-      layer("DetectionOutput", "boxes", {"flat", "crop", "priors"}, detection),
   };
 }
 
