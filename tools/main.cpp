@@ -35,6 +35,16 @@ void addEngineOptions(CLI::App& app, int& threads, bool& verbose) {
   app.add_flag("--verbose", verbose, "show the engine's progress lines");
 }
 
+void addPixelOptions(CLI::App& app, ImageOptions& pixels) {
+  addChannels(app, "--mean", pixels.mean, "subtracted from pixels (0 to 255), in the network's channel order");
+  addChannels(app, "--scale", pixels.scale, "what the difference is multiplied by");
+  app.add_option_function<std::string>(
+         "--channel-order", [&pixels](const std::string& order) { pixels.bgr = order == "bgr"; },
+         "the network's channels: rgb or bgr [rgb]")
+      ->check(CLI::IsMember({"rgb", "bgr"}))
+      ->type_name("ORDER");
+}
+
 CLI::App& addConvert(CLI::App& app, ConvertCommand& command) {
   CLI::App& sub = *app.add_subcommand("convert", "make a model file from a Caffe or ONNX network");
   sub.footer("corvalith convert net.prototxt net.caffemodel out.cvm\ncorvalith convert net.onnx out.cvm");
@@ -65,17 +75,28 @@ CLI::App& addRun(CLI::App& app, RunCommand& command) {
   addList(sub, "--image", command.images,
           "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
       ->type_name("[NAME=]FILE");
-  addChannels(sub, "--mean", command.image.mean, "subtracted from pixels (0 to 255), in the network's channel order");
-  addChannels(sub, "--scale", command.image.scale, "what the difference is multiplied by");
-  sub.add_option_function<std::string>(
-         "--channel-order", [&command](const std::string& order) { command.image.bgr = order == "bgr"; },
-         "the network's channels: rgb or bgr [rgb]")
-      ->check(CLI::IsMember({"rgb", "bgr"}))
-      ->type_name("ORDER");
+  addPixelOptions(sub, command.image);
   addList(sub, "--output", command.outputs, "write a top as a .npy array")->type_name("TOP=FILE.npy");
   sub.add_option("--top", command.top, "how many of the network output's largest values to print")
       ->check(CLI::Range(0, 1 << 28))
       ->capture_default_str();
+  addEngineOptions(sub, command.threads, command.verbose);
+  return sub;
+}
+
+CLI::App& addDetect(CLI::App& app, DetectCommand& command) {
+  CLI::App& sub = *app.add_subcommand("detect", "find objects in a picture with a detector");
+  sub.footer("One line per detection: label, score, and the box in the picture's pixels (left, top, right, bottom).");
+  sub.add_option("model", command.model, "model file whose last layer lists detections")->required();
+  sub.add_option("--image", command.image, "PNG or JPEG picture")->required();
+  sub.add_option("--output", command.output, "write the picture with the boxes drawn")->type_name("FILE.png");
+  addPixelOptions(sub, command.pixels);
+  sub.add_option("--labels", command.labels, "names of the labels, one a line, the first that of label 0");
+  sub.add_option("--threshold", command.threshold, "least score")->capture_default_str();
+  sub.add_flag(
+      "--letterbox", command.letterbox,
+      "keep the picture's proportions, with borders of the mean colour; otherwise it is stretched to the input");
+  sub.add_flag("--json", command.json, "as JSON");
   addEngineOptions(sub, command.threads, command.verbose);
   return sub;
 }
@@ -102,11 +123,13 @@ int main(int argc, char** argv) {
   ConvertCommand convert;
   InspectCommand inspect;
   RunCommand run;
+  DetectCommand detect;
   BenchCommand bench;
   int status = 0;
   addConvert(app, convert).callback([&] { status = runConvert(convert); });
   addInspect(app, inspect).callback([&] { status = runInspect(inspect); });
   addRun(app, run).callback([&] { status = runRun(run); });
+  addDetect(app, detect).callback([&] { status = runDetect(detect); });
   addBench(app, bench).callback([&] { status = runBench(bench); });
   try {
     app.parse(argc, argv);

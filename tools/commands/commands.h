@@ -35,6 +35,18 @@ struct RunCommand {
 };
 int runRun(const RunCommand& command);
 
+struct DetectCommand {
+  std::string model, image;
+  std::string output;  // PNG to write; empty for none
+  std::string labels;  // file with one name a line; empty for none
+  ImageOptions pixels;
+  float threshold = 0.5f;
+  bool letterbox = false;  // keep the picture's proportions; otherwise it is stretched
+  bool json = false, verbose = false;
+  int threads = 1;
+};
+int runDetect(const DetectCommand& command);
+
 struct BenchCommand {
   std::vector<std::string> models;
   int runs = 20, warmup = 3, threads = 1;

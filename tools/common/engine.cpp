@@ -1,5 +1,7 @@
 #include "tools/common/engine.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -19,6 +21,28 @@ void writeLine(LogPriority priority, const char* text) {
 void writeErrors(LogPriority priority, const char* text) {
   if (priority == LogPriority::kError) writeLine(priority, text);
 }
+
+/// While it lives, what is written to standard output goes to standard error: the engine reports some of what it does
+/// there, and a tool's own output may be read by programs.
+class StdoutToStderr {
+ public:
+  StdoutToStderr() {
+    std::fflush(stdout);
+    saved_ = dup(STDOUT_FILENO);
+    if (saved_ >= 0) dup2(STDERR_FILENO, STDOUT_FILENO);
+  }
+  ~StdoutToStderr() {
+    if (saved_ < 0) return;
+    std::fflush(stdout);
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+  }
+  StdoutToStderr(const StdoutToStderr&) = delete;
+  StdoutToStderr& operator=(const StdoutToStderr&) = delete;
+
+ private:
+  int saved_;
+};
 
 }  // namespace
 
@@ -44,7 +68,10 @@ bool Engine::setInput(const std::string& layer, const Shape& shape, std::vector<
          CorvalithSetNetInput(agent_, data.data(), shape.n, shape.c, shape.h, shape.w, layer.c_str(), 0) == 0;
 }
 
-bool Engine::run() { return CorvalithExecuteNet(agent_) == 0; }
+bool Engine::run() {
+  const StdoutToStderr quiet;
+  return CorvalithExecuteNet(agent_) == 0;
+}
 
 bool Engine::output(Npy& out) {
   int dims[4];
