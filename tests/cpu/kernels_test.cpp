@@ -125,6 +125,88 @@ TEST_P(KernelsTest, DotProductsOverManyRows) {
   }
 }
 
+TEST_P(KernelsTest, PackedProducts) {
+  for (const size_t depth : {1, 2, 255, 256, 257, 600}) {
+    for (size_t rows = 1; rows <= 2 * k.panelRows + 1; ++rows) {
+      for (size_t columns = k.lanes; columns <= k.panelColumns + k.lanes; columns += k.lanes) {
+        const size_t bStride = columns + 1, yStride = columns + 3;
+        const std::vector<float> a = noise(rows * depth, 1), b = noise(depth * bStride, 2);
+        const std::vector<float> before = noise(rows * yStride, 3);
+        std::vector<float> packed(a.size()), y = before, single(columns);
+        for (size_t m = 0; m < rows; ++m) {
+          const size_t panel = m / k.panelRows * k.panelRows, height = std::min(k.panelRows, rows - panel);
+          for (size_t i = 0; i < depth; ++i) packed[panel * depth + i * height + m - panel] = a[m * depth + i];
+        }
+        k.packedProduct(packed.data(), rows, b.data(), bStride, columns, depth, y.data(), yStride);
+        for (size_t m = 0; m < rows; ++m) {
+          k.packedProduct(a.data() + m * depth, 1, b.data(), bStride, columns, depth, single.data(), columns);
+          for (size_t n = 0; n < columns; ++n) {
+            double sum = 0;
+            for (size_t i = 0; i < depth; ++i) sum += static_cast<double>(a[m * depth + i]) * b[i * bStride + n];
+            ASSERT_NEAR(y[m * yStride + n], sum, 3e-5) << rows << "x" << columns << ", depth " << depth;
+            ASSERT_EQ(y[m * yStride + n], single[n]) << rows << "x" << columns << ", depth " << depth;
+          }
+          EXPECT_EQ(y[m * yStride + columns], before[m * yStride + columns]) << "written between the rows";
+        }
+      }
+    }
+  }
+}
+
+/// Two output rows of a 3 x 3 kernel over four input rows, in double precision.
+std::vector<float> convolveTwoRows(const std::vector<float>& x, size_t rowStride, const float* g, size_t width,
+                                   float bias, bool relu) {
+  std::vector<float> y;
+  for (size_t row = 0; row < 2; ++row) {
+    for (size_t i = 0; i < width; ++i) {
+      double sum = bias;
+      for (size_t tap = 0; tap < 9; ++tap) {
+        sum += static_cast<double>(g[tap]) * x[(row + tap / 3) * rowStride + i + tap % 3];
+      }
+      y.push_back(relu && !(sum > 0) ? 0 : static_cast<float>(sum));
+    }
+  }
+  return y;
+}
+
+TEST_P(KernelsTest, Convolutions3x3) {
+  const std::vector<float> g = noise(9, 4);
+  const float transform[4][3] = {{1, 0, 0}, {.5f, .5f, .5f}, {.5f, -.5f, .5f}, {0, 0, 1}};
+  for (size_t width = 1; width <= kMaxLength; ++width) {
+    const size_t tiles = (width + 1) / 2, whole = (tiles + k.lanes - 1) / k.lanes * k.lanes;
+    const size_t pitch = whole + 1;
+    const std::vector<float> x = noise(4 * 2 * pitch, 5);
+    std::vector<float> split(x.size()), v(16 * whole);
+    for (size_t row = 0; row < 4; ++row) {
+      float* evens = split.data() + row * 2 * pitch;
+      k.deinterleave(x.data() + row * 2 * pitch, evens, evens + pitch, 2 * pitch);
+    }
+    k.winogradInput(split.data(), pitch, v.data(), whole, tiles, whole);
+    for (size_t e = 0; e < 16; ++e) {
+      double u = 0;
+      for (size_t tap = 0; tap < 9; ++tap) u += g[tap] * transform[e / 4][tap / 3] * transform[e % 4][tap % 3];
+      for (size_t i = 0; i < whole; ++i) v[e * whole + i] *= static_cast<float>(u);
+    }
+    for (const bool relu : {false, true}) {
+      SCOPED_TRACE("width " + std::to_string(width));
+      const std::vector<float> want = convolveTwoRows(x, 2 * pitch, g.data(), width, 0.25f, relu);
+      std::vector<float> y(2 * width);
+      k.winogradOutput(v.data(), whole, 0.25f, relu, y.data(), y.data() + width, width);
+      expectSame(y, want, 1e-5f);
+      y.assign(y.size(), 0);
+      for (size_t row = 0; row < 2; ++row) {
+        k.convolveRow3x3(x.data() + row * 2 * pitch, 2 * pitch, g.data(), 0.25f, relu, y.data() + row * width, width);
+      }
+      expectSame(y, want, 1e-5f);
+    }
+    std::vector<float> first(width);
+    k.winogradOutput(v.data(), whole, 0, false, first.data(), nullptr, width);
+    first.push_back(0);
+    k.deinterleave(first.data(), v.data(), v.data() + whole, width);
+    for (size_t i = 0; i < width; ++i) EXPECT_EQ(v[i % 2 * whole + i / 2], first[i]);
+  }
+}
+
 TEST_P(KernelsTest, PoolRows) {
   for (size_t stride = 1; stride <= 4; ++stride) {
     for (size_t columns = 0; columns <= 18; ++columns) {
