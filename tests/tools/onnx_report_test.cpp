@@ -117,6 +117,15 @@ TEST(OnnxReportTest, TensorsThatAreNotWhatTheySayAreRefused) {
   EXPECT_NE("", reason(1, {1}, std::string(4, '\0'), 1)) << "data in another file";
 }
 
+TEST(OnnxReportTest, DamagedWeightsAreReportedOnceAndUsedNowhere) {
+  for (const char* op : {"Conv", "Concat", "MatMul", "Add", "Reshape", "Transpose"}) {
+    OnnxModel model(12);
+    model.input("x", {1, 2, 4, 4}).constant("w", {2, 2, 3, 3}, {1, 2, 3}).node("Identity", {"w"}, "v");
+    model.node(op, {"x", "v"}, "y").output("y");
+    EXPECT_EQ("weights \"w\": the number of its values is not its shape's\n", problems(model.convert())) << op;
+  }
+}
+
 TEST(OnnxReportTest, ReadsHalfPrecisionWeights) {
   onnx::Tensor tensor;
   tensor.set_data_type(10);

@@ -298,10 +298,7 @@ bool converted(const onnx::Node& node, const Constant& from, Constant& result) {
   return whole == from.whole && (whole || to == kFloat);
 }
 
-}  // namespace
-
-bool readTensor(const onnx::Tensor& tensor, Constant& constant, std::string& error) {
-  constant = Constant{};
+bool take(const onnx::Tensor& tensor, Constant& constant, std::string& error) {
   constant.dims.assign(tensor.dims().begin(), tensor.dims().end());
   if (tensor.data_location() != 0) {
     error = "its data are in another file, which is not supported";
@@ -315,10 +312,8 @@ bool readTensor(const onnx::Tensor& tensor, Constant& constant, std::string& err
   return readValues(tensor, static_cast<size_t>(count), constant, error);
 }
 
-bool evaluate(const onnx::Node& node, const std::vector<const Constant*>& inputs, Constant& result,
-              std::string& error) {
+bool compute(const onnx::Node& node, const std::vector<const Constant*>& inputs, Constant& result, std::string& error) {
   const std::string& op = node.op_type();
-  result = Constant{};
   if (op == "Constant") return constantNode(node, result, error);
   error = "computed from constants in a way that is not supported";
   if (inputs.empty() || inputs[0] == nullptr) return false;
@@ -340,6 +335,23 @@ bool evaluate(const onnx::Node& node, const std::vector<const Constant*>& inputs
   if (op == "Gather") return intAttribute(node, "axis", 0) == 0 && gathered(first, *second, result);
   if (op == "Add" || op == "Sub" || op == "Mul" || op == "Div") return computed(op, first, *second, result);
   return false;
+}
+
+}  // namespace
+
+bool readTensor(const onnx::Tensor& tensor, Constant& constant, std::string& error) {
+  constant = Constant{};
+  const bool taken = take(tensor, constant, error);
+  if (!taken) constant = {{}, false, true, {}, {}};
+  return taken;
+}
+
+bool evaluate(const onnx::Node& node, const std::vector<const Constant*>& inputs, Constant& result,
+              std::string& error) {
+  result = Constant{};
+  const bool computed = compute(node, inputs, result, error);
+  if (!computed) result = {{}, false, true, {}, {}};
+  return computed;
 }
 
 }  // namespace corvalith::tools

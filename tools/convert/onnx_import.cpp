@@ -80,16 +80,20 @@ class OnnxImporter {
     if (shapeOf(node)) return;
     std::vector<const Constant*> constants;
     std::vector<std::string> values;
+    bool broken = false;
     for (const std::string& input : node.input()) {
       const auto constant = constants_.find(input);
       constants.push_back(constant == constants_.end() ? nullptr : &constant->second);
       if (constant == constants_.end() && !input.empty()) values.push_back(input);
+      broken = broken || (constant != constants_.end() && constant->second.broken);
     }
     const std::string& name = node.name().empty() ? node.output(0) : node.name();
     if (values.empty()) {
       Constant result;
       std::string error;
-      if (!evaluate(node, constants, result, error)) {
+      if (broken) {
+        result.broken = true;
+      } else if (!evaluate(node, constants, result, error)) {
         graph_.problems.push_back("layer \"" + name + "\" (" + node.op_type() + "): " + error);
       }
       constants_[node.output(0)] = std::move(result);
@@ -102,6 +106,7 @@ class OnnxImporter {
       layer.unsupported("the operation is not supported");
       return;
     }
+    if (broken) return;
     OnnxNode context(node, opset_, layer, std::move(constants));
     // Only a few operations take a constant where others have their data.
     static const std::set<std::string> kAnyOrder = {"Add", "Concat", "Max", "Min", "Mul", "Sub", "Sum"};
