@@ -24,14 +24,14 @@ std::vector<char> smallModel() {
 class AgentTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_TRUE(lockIsFree()); }
-  const TempDir dir;
-  const std::string path = dir.write("small.cvm", smallModel());
+  const TempDir dir_;
+  const std::string path_ = dir_.write("small.cvm", smallModel());
 };
 
 TEST_F(AgentTest, TwoSlotsHaveANetworkEach) {
   PublicAgent agent(2);
   ASSERT_NE(agent.handle(), nullptr);
-  ASSERT_EQ(agent.build(path), 0);
+  ASSERT_EQ(agent.build(path_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   EXPECT_EQ(agent.setInput("data", {{1, 1, 1, 2}, {1, 2}}, 0), 0);
   EXPECT_EQ(agent.setInput("data", {{1, 1, 1, 3}, {5, 6, 7}}, 1), 0);
@@ -57,7 +57,7 @@ TEST_F(AgentTest, RefusesSlotsThatDoNotExist) {
                             CorvalithGetLayerOutputSize(agent, "out", &n, &c, &h, &w, index)};
   };
   PublicAgent agent(2);
-  ASSERT_EQ(agent.build(path), 0);
+  ASSERT_EQ(agent.build(path_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   for (const int index : {0, 1}) EXPECT_EQ(callAll(agent.handle(), index), std::vector<int>(7, 0));
   LogCapture log;
@@ -68,7 +68,7 @@ TEST_F(AgentTest, RefusesSlotsThatDoNotExist) {
     for (size_t i = 0; i < lines.size(); i += 2) {
       EXPECT_EQ(lines[i], "E/net index is err or the specific net id is not initilized");
     }
-    EXPECT_EQ(CorvalithDumpModelForHalfFloat(agent.handle(), dir.file("dump").c_str(), index), -1);
+    EXPECT_EQ(CorvalithDumpModelForHalfFloat(agent.handle(), dir_.file("dump").c_str(), index), -1);
     EXPECT_EQ(log.take(),
               (Lines{"E/net index is err or the specific net id is not initilized", "E/model dump failed"}));
   }
@@ -79,17 +79,17 @@ TEST_F(AgentTest, AnAgentWithoutSlotsLoadsButHasNothingToCall) {
   PublicAgent agent(0);
   ASSERT_NE(agent.handle(), nullptr);
   LogCapture log;
-  EXPECT_EQ(agent.build(path), 0);
+  EXPECT_EQ(agent.build(path_), 0);
   EXPECT_EQ(log.take(), Lines{"D/all characters read successfully."});
   EXPECT_EQ(agent.initialize(), 0);
   EXPECT_EQ(agent.run(), -1);
   EXPECT_EQ(log.take(), (Lines{"E/Calling taskAssign before running inference", "E/inference failed"}));
   EXPECT_EQ(agent.setInput("data", {{1, 1, 1, 1}, {1}}), -1);
   EXPECT_EQ(log.take(), (Lines{"E/Calling taskAssign before running setInput", "E/set input failed"}));
-  EXPECT_EQ(agent.build(dir.file("missing")), -1);
-  EXPECT_EQ(agent.build(path), 0) << "it holds no network, so it may be tried again";
+  EXPECT_EQ(agent.build(dir_.file("missing")), -1);
+  EXPECT_EQ(agent.build(path_), 0) << "it holds no network, so it may be tried again";
   log.take();
-  EXPECT_EQ(agent.build(dir.file("model.nb")), -1);
+  EXPECT_EQ(agent.build(dir_.file("model.nb")), -1);
   EXPECT_EQ(log.lines(), (Lines{"D/in nb model set", "E/task assign error"}));  // not even looked for
 }
 
@@ -135,7 +135,7 @@ TEST_F(AgentTest, ChecksSizesBeforeHandlesAndHandlesBeforeNames) {
 
 TEST_F(AgentTest, RefusesNullNames) {
   PublicAgent agent;
-  ASSERT_EQ(agent.build(path), 0);
+  ASSERT_EQ(agent.build(path_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   float value[2] = {};
   int n, c, h, w;
@@ -154,7 +154,7 @@ TEST_F(AgentTest, RefusesNullNames) {
 
 TEST_F(AgentTest, SizesThatWrapPassTheEntryAndAreRefusedBehindIt) {
   PublicAgent agent;
-  ASSERT_EQ(agent.build(path), 0);
+  ASSERT_EQ(agent.build(path_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   float value = 0;
   LogCapture log;
@@ -180,26 +180,26 @@ TEST_F(AgentTest, SizesThatWrapPassTheEntryAndAreRefusedBehindIt) {
 
 TEST_F(AgentTest, OneModelPerAgent) {
   PublicAgent agent;
-  const std::string bad = dir.write("bad.cvm", {1, 0, 0, 0});
+  const std::string bad = dir_.write("bad.cvm", {1, 0, 0, 0});
   EXPECT_EQ(agent.build(bad), -1);
-  EXPECT_EQ(agent.build(path), 0) << "a failed build left no network";
+  EXPECT_EQ(agent.build(path_), 0) << "a failed build left no network";
   LogCapture log;
-  EXPECT_EQ(agent.build(path), -1);
-  EXPECT_EQ(agent.build(dir.file("other.nb")), -1);  // refused before the mark is looked for
+  EXPECT_EQ(agent.build(path_), -1);
+  EXPECT_EQ(agent.build(dir_.file("other.nb")), -1);  // refused before the mark is looked for
   EXPECT_EQ(log.take(), (Lines(2, "E/task assign error")));
   ASSERT_EQ(agent.initialize(), 0);
   ASSERT_EQ(agent.setInput("data", {{1, 1, 1, 1}, {4}}), 0);
   ASSERT_EQ(agent.run(), 0);
   EXPECT_EQ(agent.netOutput().values, std::vector<float>{9});
-  EXPECT_EQ(agent.build(path), -1);
+  EXPECT_EQ(agent.build(path_), -1);
   EXPECT_EQ(agent.netOutput().values, std::vector<float>{9});
 
   // A network that cannot be connected is held, too.
   PublicAgent unconnected;
-  ASSERT_EQ(unconnected.build(dir.write("loose.cvm", tools::modelBytes("loose", {layer("ReLU", "relu", {"data"})}))),
+  ASSERT_EQ(unconnected.build(dir_.write("loose.cvm", tools::modelBytes("loose", {layer("ReLU", "relu", {"data"})}))),
             -1);
   EXPECT_EQ(last(log), "E/create graph failed");
-  EXPECT_EQ(unconnected.build(path), -1);
+  EXPECT_EQ(unconnected.build(path_), -1);
   EXPECT_EQ(last(log), "E/task assign error");
   EXPECT_EQ(unconnected.initialize(), -1);
   EXPECT_EQ(unconnected.run(), -1);
@@ -212,10 +212,10 @@ TEST_F(AgentTest, TheMarkOfAHalfPrecisionModelSticks) {
     LogCapture log;
     EXPECT_EQ(agent.build(marked.write(name, smallModel())), -1) << name;
     EXPECT_EQ(log.take(), (Lines{"D/in nb model set", "E/task assign error"}));
-    EXPECT_EQ(agent.build(path), -1) << "the mark stays";
+    EXPECT_EQ(agent.build(path_), -1) << "the mark stays";
     EXPECT_EQ(log.take(), Lines{"E/task assign error"});
     EXPECT_EQ(CorvalithDumpModelForHalfFloat(agent.handle(), marked.file("dump").c_str(), 0), -1);
-    EXPECT_EQ(agent.build(path), 0) << "a dump takes the mark away";
+    EXPECT_EQ(agent.build(path_), 0) << "a dump takes the mark away";
   }
   PublicAgent agent;
   EXPECT_EQ(agent.build(marked.write("model.NB", smallModel())), 0);
@@ -224,7 +224,7 @@ TEST_F(AgentTest, TheMarkOfAHalfPrecisionModelSticks) {
 TEST_F(AgentTest, InitialisingAgainDoesNothing) {
   PublicAgent agent(2);
   EXPECT_EQ(agent.initialize(), 0);  // no networks: nothing that could fail
-  ASSERT_EQ(agent.build(path), 0);
+  ASSERT_EQ(agent.build(path_), 0);
   EXPECT_EQ(agent.run(), -1) << "not initialised";
   ASSERT_EQ(agent.initialize(), 0);
   ASSERT_EQ(agent.setInput("data", {{1, 1, 1, 2}, {1, 2}}), 0);
@@ -243,7 +243,7 @@ std::vector<char> pickyModel() {
 }
 
 TEST_F(AgentTest, ASlotRunsWhenItsOwnInitialisationSucceeded) {
-  const std::string picky = dir.write("picky.cvm", pickyModel());
+  const std::string picky = dir_.write("picky.cvm", pickyModel());
   LogCapture log;
   {
     PublicAgent agent(2);
@@ -270,7 +270,7 @@ TEST_F(AgentTest, ASlotRunsWhenItsOwnInitialisationSucceeded) {
 TEST_F(AgentTest, CallsFromManyThreadsAreServedOneByOne) {
   std::vector<std::thread> threads;
   PublicAgent shared;
-  ASSERT_EQ(shared.build(path), 0);
+  ASSERT_EQ(shared.build(path_), 0);
   ASSERT_EQ(shared.initialize(), 0);
   ASSERT_EQ(shared.setInput("data", {{1, 1, 1, 2}, {1, 2}}), 0);
   LogCapture log;
@@ -279,7 +279,7 @@ TEST_F(AgentTest, CallsFromManyThreadsAreServedOneByOne) {
       const float x = static_cast<float>(t);
       for (int round = 0; round < 20; ++round) {
         PublicAgent agent;
-        EXPECT_EQ(agent.build(path), 0);
+        EXPECT_EQ(agent.build(path_), 0);
         EXPECT_EQ(agent.initialize(), 0);
         EXPECT_EQ(agent.setInput("data", {{1, 1, 1, 2}, {x, x + 1}}), 0);
         EXPECT_EQ(agent.run(), 0);

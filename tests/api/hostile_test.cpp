@@ -18,33 +18,33 @@ class HostileTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_TRUE(lockIsFree()); }
 
-  LogCapture log;
-  const TempDir dir;
-  const std::string good = dir.write("good.cvm", tools::modelBytes("good", everyTypeModel()));
+  LogCapture log_;
+  const TempDir dir_;
+  const std::string good_ = dir_.write("good.cvm", tools::modelBytes("good", everyTypeModel()));
 };
 
 TEST_F(HostileTest, FilesThatAreNoModels) {
   const std::vector<char> model = tools::modelBytes("good", everyTypeModel());
-  ASSERT_EQ(mkfifo(dir.file("pipe").c_str(), 0600), 0);
-  dir.write("huge", {1});
-  const bool sparse = truncate(dir.file("huge").c_str(), (off_t{1} << 32) + 104) == 0;
-  dir.write("empty", {});
-  dir.write("short", {1, 0, 0, 0});
-  dir.write("descriptor", std::vector<char>(model.begin(), model.begin() + sizeof(NetDescriptor)));
-  dir.write("mark", std::vector<char>(4096, '\xff'));  // what a half-precision dump that failed begins with
-  dir.write("text", std::vector<char>(100000, '%'));
+  ASSERT_EQ(mkfifo(dir_.file("pipe").c_str(), 0600), 0);
+  dir_.write("huge", {1});
+  const bool sparse = truncate(dir_.file("huge").c_str(), (off_t{1} << 32) + 104) == 0;
+  dir_.write("empty", {});
+  dir_.write("short", {1, 0, 0, 0});
+  dir_.write("descriptor", std::vector<char>(model.begin(), model.begin() + sizeof(NetDescriptor)));
+  dir_.write("mark", std::vector<char>(4096, '\xff'));  // what a half-precision dump that failed begins with
+  dir_.write("text", std::vector<char>(100000, '%'));
   PublicAgent agent;
   alarm(30);  // a pipe that was opened would never end
   for (const char* name : {"missing", "", "pipe", "empty", "short", "descriptor", "mark", "text", "huge"}) {
     if (std::string(name) == "huge" && !sparse) continue;
-    EXPECT_EQ(agent.build(dir.file(name)), -1) << name;
-    EXPECT_EQ(log.lines().back(), "E/task assign error") << name;
+    EXPECT_EQ(agent.build(dir_.file(name)), -1) << name;
+    EXPECT_EQ(log_.lines().back(), "E/task assign error") << name;
     EXPECT_TRUE(lockIsFree()) << name;
   }
   for (const char* path : {"/dev/null", "/dev/zero", "", "\n%s%n"}) EXPECT_EQ(agent.build(path), -1) << path;
-  EXPECT_EQ(agent.build(dir.file(std::string(5000, 'a'))), -1);
+  EXPECT_EQ(agent.build(dir_.file(std::string(5000, 'a'))), -1);
   alarm(0);
-  EXPECT_EQ(agent.build(good), 0);
+  EXPECT_EQ(agent.build(good_), 0);
   EXPECT_EQ(agent.initialize(), 0);
   EXPECT_EQ(agent.run(), 0);
 }
@@ -150,15 +150,15 @@ TEST_F(HostileTest, ModelsThatCannotBe) {
   for (const HostileModel& model : models) {
     SCOPED_TRACE(model.name);
     PublicAgent agent;
-    const int built = agent.build(dir.write("model.cvm", tools::modelBytes("hostile", model.layers)));
+    const int built = agent.build(dir_.write("model.cvm", tools::modelBytes("hostile", model.layers)));
     EXPECT_EQ(built, model.by == Refused::kBuild ? -1 : 0);
-    const bool heldNone = built != 0 && log.lines().back() == "E/task assign error";
+    const bool heldNone = built != 0 && log_.lines().back() == "E/task assign error";
     if (!heldNone) {
       EXPECT_EQ(agent.initialize(), -1);
       EXPECT_EQ(agent.run(), -1);
-      EXPECT_EQ(log.lines().back(), "E/inference failed");
+      EXPECT_EQ(log_.lines().back(), "E/inference failed");
     }
-    EXPECT_EQ(agent.build(good), heldNone ? 0 : -1);
+    EXPECT_EQ(agent.build(good_), heldNone ? 0 : -1);
     EXPECT_EQ(agent.initialize(), heldNone ? 0 : -1);
     EXPECT_EQ(agent.run(), heldNone ? 0 : -1);
     EXPECT_TRUE(lockIsFree());
@@ -168,7 +168,7 @@ TEST_F(HostileTest, ModelsThatCannotBe) {
 // Outputs made for a few values only are not asked for more: the count must be the true one.
 TEST_F(HostileTest, OutputsAreNeverLargerThanTheCallerSays) {
   PublicAgent agent;
-  ASSERT_EQ(agent.build(good), 0);
+  ASSERT_EQ(agent.build(good_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   float out[5] = {7, 7, 7, 7, 7};
   for (const int count : {-2147483647 - 1, -1, 0, 1, 4, 6, 2147483647}) {
@@ -183,7 +183,7 @@ TEST_F(HostileTest, OutputsAreNeverLargerThanTheCallerSays) {
 // A run that a layer refuses leaves the network as it was: the next fitting input runs.
 TEST_F(HostileTest, InputsThatALayerRefuses) {
   PublicAgent agent;
-  ASSERT_EQ(agent.build(good), 0);
+  ASSERT_EQ(agent.build(good_), 0);
   ASSERT_EQ(agent.initialize(), 0);
   const Tensor data = noise({1, 3, 6, 6}, 1), image = noise({1, 3, 8, 9}, 2);
   const auto run = [&](const Tensor& first, const Tensor& second) {
@@ -195,7 +195,7 @@ TEST_F(HostileTest, InputsThatALayerRefuses) {
   const std::vector<float> expected = agent.netOutput().values;
   const auto refuses = [&](const Tensor& first, const Tensor& second) {
     EXPECT_EQ(run(first, second), -1);
-    EXPECT_EQ(log.lines().back(), "E/inference failed");
+    EXPECT_EQ(log_.lines().back(), "E/inference failed");
     EXPECT_EQ(run(data, image), 0);
     EXPECT_EQ(agent.netOutput().values, expected);
   };

@@ -9,10 +9,12 @@
 // The linker's --wrap option sends the program's calls of malloc and free to __wrap_..., and __real_... to the C
 // library's; it works under sanitizers, which replace these functions themselves.
 extern "C" {
+// NOLINTBEGIN(readability-identifier-naming): the linker's names
 void* __real_malloc(size_t size);
 void __real_free(void* memory);
 void* __wrap_malloc(size_t size);
 void __wrap_free(void* memory);
+// NOLINTEND(readability-identifier-naming)
 }
 
 namespace {
