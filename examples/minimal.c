@@ -1,4 +1,5 @@
-/* The least program that runs a network: zeros in, the first values of the output out. Usage: minimal MODEL.cvm INPUT */
+/* The least program that runs a network: zeros in, the first values of the output out. Usage: minimal MODEL.cvm INPUT
+ */
 #include <corvalith/corvalith.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -30,7 +30,8 @@
  *
  * Ownership. The application owns the handle until CorvalithRelease and every buffer that it passes in. The library
  * keeps no pointer to a caller's buffer, with one exception: on a GPU slot the floats given to CorvalithSetNetInput are
- * read asynchronously and must stay valid and unchanged until an output of that run has been read or the agent released.
+ * read asynchronously and must stay valid and unchanged until an output of that run has been read or the agent
+ * released.
  */
 #ifndef CORVALITH_CORVALITH_H_
 #define CORVALITH_CORVALITH_H_
@@ -126,8 +127,8 @@ CORVALITH_API int CorvalithGetLayerOutput(void* handle, float* out, int count, c
 
 /** Shape of any layer's output, by the name of that output. The four values are filled in even where one of them is 0,
  *  which is reported as a failure (an output without elements). */
-CORVALITH_API int CorvalithGetLayerOutputSize(void* handle, const char* top_name, int* batch, int* channel,
-                                              int* height, int* width, int net_index);
+CORVALITH_API int CorvalithGetLayerOutputSize(void* handle, const char* top_name, int* batch, int* channel, int* height,
+                                              int* width, int net_index);
 
 /** The size that the model was made for, of the input layer `layer_name`. May be called any time after the build. */
 CORVALITH_API int CorvalithGetNetInputSize(void* handle, int* batch, int* channel, int* height, int* width,

@@ -90,20 +90,21 @@ void* CorvalithBuildAgent(const int* device_types, const int* data_types, const 
 }
 
 int CorvalithBuildModel(void* handle, const char* model_path) {
-  return call(handle,
-              {{handle == nullptr, "agent need to be initialized by CorvalithBuildAgent() before CorvalithBuildModel()"},
-               {model_path == nullptr, "model path should not be NULL when build model"}},
-              nullptr, [&](InferenceAgent& agent) {
-                const char* failure = "task assign error";
-                try {
-                  if (agent.taskAssign(model_path) == 0) {
-                    failure = "create graph failed";
-                    if (agent.createGraph() == 0) return 0;
-                  }
-                } catch (const std::exception&) {
-                }
-                return corvalith::fail(failure);
-              });
+  return call(
+      handle,
+      {{handle == nullptr, "agent need to be initialized by CorvalithBuildAgent() before CorvalithBuildModel()"},
+       {model_path == nullptr, "model path should not be NULL when build model"}},
+      nullptr, [&](InferenceAgent& agent) {
+        const char* failure = "task assign error";
+        try {
+          if (agent.taskAssign(model_path) == 0) {
+            failure = "create graph failed";
+            if (agent.createGraph() == 0) return 0;
+          }
+        } catch (const std::exception&) {
+        }
+        return corvalith::fail(failure);
+      });
 }
 
 int CorvalithInitialize(void* handle) {
@@ -151,8 +152,7 @@ int CorvalithGetNetOutput(void* handle, float* out, int count, int net_index) {
       {{handle == nullptr, "agent need to be initialized by CorvalithBuildAgent() before CorvalithGetNetOutput()"},
        {out == nullptr, "output need to be prepared before CorvalithGetLayerOutputFromName"},
        {count < 1, "count need to bigger than 0"}},
-      "get net first ouput failed",
-      [&](InferenceAgent& agent) { return agent.getNetOutput(out, count, net_index); });
+      "get net first ouput failed", [&](InferenceAgent& agent) { return agent.getNetOutput(out, count, net_index); });
 }
 
 int CorvalithGetNetOutputSize(void* handle, int* batch, int* channel, int* height, int* width, int net_index) {

@@ -24,7 +24,13 @@ Block::Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx, 
 }
 
 Block::Block(int bytes, Context* ctx, const void* blob)
-    : batch_(1), channel_(1), height_(1), width_(bytes), count_(bytes), type_(CORVALITH_RAW), kind_(kPlain),
+    : batch_(1),
+      channel_(1),
+      height_(1),
+      width_(bytes),
+      count_(bytes),
+      type_(CORVALITH_RAW),
+      kind_(kPlain),
       context_(ctx) {
   if (bytes >= 0) data_ = context_->CorvalithMalloc(bytes, CORVALITH_RAW, blob);
   if (data_ == nullptr) logError("block CorvalithMalloc failed");
@@ -41,9 +47,7 @@ void Block::release() {
 
 void* Block::getData() const { return data_; }
 
-int Block::getSize() const {
-  return wrappingMul(wrappingMul(batch_, channel_), wrappingMul(height_, width_));
-}
+int Block::getSize() const { return wrappingMul(wrappingMul(batch_, channel_), wrappingMul(height_, width_)); }
 
 int Block::getAxisSize(int axis) const {
   if (axis < 0 || axis > 3) {

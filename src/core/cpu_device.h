@@ -78,9 +78,7 @@ void* threadFun(void* slot);
 class CPUContext final : public Context {
  public:
   using Context::Context;
-  int setThreadParam(void* param, void* (*fn)(void*), int index) {
-    return device()->setThreadParam(param, fn, index);
-  }
+  int setThreadParam(void* param, void* (*fn)(void*), int index) { return device()->setThreadParam(param, fn, index); }
   int startThreadRunning() { return device()->startThreadRunning(); }
   int getThreadNum() const { return device()->getThreadNum(); }
 

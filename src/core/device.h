@@ -8,9 +8,9 @@
 
 namespace corvalith {
 
-/// Memory operations of one compute unit. A handle is a host pointer on the CPU and a buffer object on a GPU; counts are
-/// elements unless named bytes. The host side always exchanges 32-bit floats. Operations return 0, or -1 after logging;
-/// allocations return null after logging. Not thread-safe: used under the API lock.
+/// Memory operations of one compute unit. A handle is a host pointer on the CPU and a buffer object on a GPU; counts
+/// are elements unless named bytes. The host side always exchanges 32-bit floats. Operations return 0, or -1 after
+/// logging; allocations return null after logging. Not thread-safe: used under the API lock.
 class Device {
  public:
   explicit Device(CORVALITH_DEVICETYPE type) : type_(type) {}

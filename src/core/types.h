@@ -15,9 +15,7 @@ namespace corvalith {
 constexpr int64_t kMaxBlockElements = CORVALITH_MAX_BLOCK_ELEMENTS;
 
 /// Product of two signed 32-bit values as the callers of the public functions see it: modulo 2^32.
-inline int wrappingMul(int a, int b) {
-  return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
+inline int wrappingMul(int a, int b) { return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b)); }
 
 /// Batch, channel, height and width of a tensor.
 struct Shape {

@@ -28,7 +28,8 @@ class DataCPUImpl final : public Impl {
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
     const DataParam& param = *static_cast<const DataParam*>(record);
     const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
-    const size_t firstRow = static_cast<size_t>((in.h - out.h) / 2), firstColumn = static_cast<size_t>((in.w - out.w) / 2);
+    const size_t firstRow = static_cast<size_t>((in.h - out.h) / 2),
+                 firstColumn = static_cast<size_t>((in.w - out.w) / 2);
     const size_t inWidth = static_cast<size_t>(in.w), width = static_cast<size_t>(out.w);
     const float* plane = floats(bottoms[0]);
     float* y = floats(tops[0]);
@@ -76,8 +77,7 @@ class InputLayer : public LayerLifecycle<BaseDataLayer> {
  protected:
   InputLayer(const LayerTraits& traits, const char* missingInput, CORVALITH_DATATYPE dataType, Context* context,
              void* special, size_t specialSize)
-      : LayerLifecycle(traits, dataType, context, special, specialSize),
-        missingInput_(missingInput) {}
+      : LayerLifecycle(traits, dataType, context, special, specialSize), missingInput_(missingInput) {}
 
   int readBody(RecordReader&, int) override {
     descriptor_ = recordedShape();
@@ -96,9 +96,7 @@ class InputLayer : public LayerLifecycle<BaseDataLayer> {
   }
 
   /// Refuses, after logging, an input that the layer cannot be made with.
-  virtual int checkInput(const Shape& input) const {
-    return input.usable() ? 0 : fail("block create fail");
-  }
+  virtual int checkInput(const Shape& input) const { return input.usable() ? 0 : fail("block create fail"); }
 
  private:
   /// The first four words of the special record.
@@ -111,35 +109,25 @@ class InputLayer : public LayerLifecycle<BaseDataLayer> {
   const char* missingInput_;
 };
 
-constexpr LayerTraits kInputDataTraits{RecordFamily::kSpecialRequired,
-                                       0,
-                                       0,
-                                       false,
-                                       {"Error: Unmatched input data layer's basic parameter",
-                                        "Error: Unmatched input data layer's special parameter",
-                                        "InputDataLayer bottom count error",
-                                        "InputDataLayer top data create fail",
-                                        "InputDataLayer impl init fail",
-                                        "InputDataLayer impl forward fail",
-                                        "InputDataLayer reshape bottom count error",
-                                        "InputDataLayer reshape top count error",
-                                        "input data reshape fail",
-                                        "InputDataLayer impl reshape fail"}};
+constexpr LayerTraits kInputDataTraits{
+    RecordFamily::kSpecialRequired,
+    0,
+    0,
+    false,
+    {"Error: Unmatched input data layer's basic parameter", "Error: Unmatched input data layer's special parameter",
+     "InputDataLayer bottom count error", "InputDataLayer top data create fail", "InputDataLayer impl init fail",
+     "InputDataLayer impl forward fail", "InputDataLayer reshape bottom count error",
+     "InputDataLayer reshape top count error", "input data reshape fail", "InputDataLayer impl reshape fail"}};
 
-constexpr LayerTraits kDataTraits{RecordFamily::kSpecialRequired,
-                                  0,
-                                  0,
-                                  false,
-                                  {"Error: Unmatched data layer's basic parameter",
-                                   "Error: Unmatched data layer's special parameter",
-                                   "dataLayer bottom count error",
-                                   "dataLayer top data create fail",
-                                   "dataLayer impl init fail",
-                                   "dataLayer impl forward fail",
-                                   "DataLayer reshape bottom count error",
-                                   "DataLayer reshape top count error",
-                                   "dataLayer reshape fail",
-                                   "dataLayer impl reshape fail"}};
+constexpr LayerTraits kDataTraits{
+    RecordFamily::kSpecialRequired,
+    0,
+    0,
+    false,
+    {"Error: Unmatched data layer's basic parameter", "Error: Unmatched data layer's special parameter",
+     "dataLayer bottom count error", "dataLayer top data create fail", "dataLayer impl init fail",
+     "dataLayer impl forward fail", "DataLayer reshape bottom count error", "DataLayer reshape top count error",
+     "dataLayer reshape fail", "dataLayer impl reshape fail"}};
 
 }  // namespace
 

@@ -51,8 +51,8 @@ class Layer {
   Impl* getImpl() const { return impl_.get(); }
 
  protected:
-  uint32_t implWeightSize_ = 0;  // bytes of the weights as the implementation prepared them
-  bool nbModel_ = false;         // the record came from a half-precision model
+  uint32_t implWeightSize_ = 0;   // bytes of the weights as the implementation prepared them
+  bool nbModel_ = false;          // the record came from a half-precision model
   char const* nbData_ = nullptr;  // its weights in the model image, until readData
   LayerBasicParam basicParam_{};
   std::map<std::string, Block*> topData_;  // outputs by name, owned or an input's

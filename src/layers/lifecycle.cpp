@@ -43,8 +43,7 @@ int LayerLifecycle<Base>::takeSpecial(RecordReader& reader, int size) {
   }
   if (family != RecordFamily::kSpecialRequired && this->basicParam_.hasSpecial == 0) return 0;
   const bool weightsMayFollow = family == RecordFamily::kSpecialOptionalWithWeights;
-  const bool sizeFits =
-      weightsMayFollow ? reader.remaining() >= specialSize_ : reader.remaining() == specialSize_;
+  const bool sizeFits = weightsMayFollow ? reader.remaining() >= specialSize_ : reader.remaining() == specialSize_;
   if (!sizeFits || this->basicParam_.specialSize != specialSize_ || !reader.read(special_, specialSize_)) {
     return fail(messages().specialParam);
   }

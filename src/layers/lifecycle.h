@@ -12,9 +12,9 @@ namespace corvalith {
 
 /// Which records a type's data consists of, and how strictly their sizes are checked.
 enum class RecordFamily {
-  kBasicOnly,        // exactly the basic record
-  kSpecialRequired,  // basic and special record, nothing more
-  kSpecialOptional,  // the special record may be missing: the defaults stay; nothing more
+  kBasicOnly,                   // exactly the basic record
+  kSpecialRequired,             // basic and special record, nothing more
+  kSpecialOptional,             // the special record may be missing: the defaults stay; nothing more
   kSpecialOptionalWithWeights,  // the same, and weights may follow
   kSpecialThenRest,  // the special record is always there, its announced size is not looked at; anything may follow
   kBasicThenRest     // no special record; values follow

@@ -7,8 +7,8 @@
 
 namespace corvalith {
 
-constexpr int kMaxNames = 10;     // tops or bottoms of one layer
-constexpr int kNameSize = 100;    // bytes of a name field, its terminating zero included
+constexpr int kMaxNames = 10;   // tops or bottoms of one layer
+constexpr int kNameSize = 100;  // bytes of a name field, its terminating zero included
 
 /// Opens every layer data record.
 struct LayerBasicParam {

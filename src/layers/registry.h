@@ -19,13 +19,13 @@ class RegisterFactory {
 
 /// Registers a layer class under a type name. Stands once, at the end of the class's source file, in namespace
 /// corvalith: CORVALITH_REGISTER_LAYER("ReLU", ReLULayer)
-#define CORVALITH_REGISTER_LAYER(typeName, LayerClass)                                     \
-  std::shared_ptr<Layer> get##LayerClass(CORVALITH_DATATYPE dataType, Context* context) {  \
-    return std::shared_ptr<Layer>(new LayerClass(dataType, context));                      \
-  }                                                                                        \
-  namespace {                                                                              \
-  [[maybe_unused]] const LayerCreator k##LayerClass##Creator =                             \
-      RegisterFactory::registry()[typeName] = get##LayerClass;                             \
+#define CORVALITH_REGISTER_LAYER(typeName, LayerClass)                                                 \
+  std::shared_ptr<Layer> get##LayerClass(CORVALITH_DATATYPE dataType, Context* context) {              \
+    return std::shared_ptr<Layer>(new LayerClass(dataType, context));                                  \
+  }                                                                                                    \
+  namespace {                                                                                          \
+  [[maybe_unused]] const LayerCreator k##LayerClass##Creator = RegisterFactory::registry()[typeName] = \
+      get##LayerClass;                                                                                 \
   }
 
 }  // namespace corvalith

@@ -24,8 +24,8 @@ class WeightedLayer : public StandardLayer {
   int dumpImplWeight(std::ofstream* out);
 
  protected:
-  WeightedLayer(const LayerTraits& traits, const WeightedMessages& texts, CORVALITH_DATATYPE dataType,
-                Context* context, void* special, size_t specialSize)
+  WeightedLayer(const LayerTraits& traits, const WeightedMessages& texts, CORVALITH_DATATYPE dataType, Context* context,
+                void* special, size_t specialSize)
       : StandardLayer(traits, dataType, context, special, specialSize), texts_(texts) {}
 
   /// Shape of weight_ for `count` weight values; with 0 elements where the record fits no shape.

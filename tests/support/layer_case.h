@@ -14,9 +14,9 @@ struct LayerCase {
   tools::ModelLayer layer;  // type, records and weights; names are the runner's: inputs "in0", "in1", ..., output "out"
   /// Shapes of all inputs: entry 0 is what the network is initialised with, the others follow one after another.
   std::vector<std::vector<Shape>> sizes;
-  bool inPlace = false;      // the output takes the name of input 0
-  double tolerance = 1e-5;   // largest difference, as a part of the reference's largest magnitude
-  float inputScale = 1.0f;   // inputs are noise in [-inputScale, inputScale]
+  bool inPlace = false;     // the output takes the name of input 0
+  double tolerance = 1e-5;  // largest difference, as a part of the reference's largest magnitude
+  float inputScale = 1.0f;  // inputs are noise in [-inputScale, inputScale]
   uint32_t seed = 1;
   std::function<void(std::vector<Tensor>&)> prepare = {};  // may put special values into the inputs
 };

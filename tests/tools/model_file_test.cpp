@@ -80,11 +80,11 @@ TEST(ModelFileTest, RefusesEveryCutOffFile) {
 }
 
 TEST(ModelFileTest, RefusesDamagedCountsAndNames) {
-  const size_t conv = 2 * sizeof(LayerTypeHeader) + sizeof(NetDescriptor) + sizeof(LayerBasicParam) +
+  constexpr size_t kConv = 2 * sizeof(LayerTypeHeader) + sizeof(NetDescriptor) + sizeof(LayerBasicParam) +
                       sizeof(InputDataParam);  // the convolution's record
-  const auto broken = [conv](size_t offset, uint32_t value) {
+  const auto broken = [](size_t offset, uint32_t value) {
     std::string bytes = bytesOf(smallModel());
-    std::memcpy(&bytes[conv + offset], &value, sizeof value);
+    std::memcpy(&bytes[kConv + offset], &value, sizeof value);
     ModelFile model;
     std::string error;
     EXPECT_FALSE(parseModel(bytes, false, model, error)) << offset << " " << value;

@@ -32,8 +32,8 @@ struct CpuKernels {
   size_t lanes;      // values in a vector
   size_t panelRows;  // rows of `a` that packedProduct takes at a time
   size_t panelColumns;
-  /// y[m * yStride + n] = sum over k of A[m][k] * b[k * bStride + n], for a multiple of `lanes` columns n; nothing for a
-  /// depth of 0. `a` holds A in panels of panelRows rows, the last one of what is left: per panel and k, the rows'
+  /// y[m * yStride + n] = sum over k of A[m][k] * b[k * bStride + n], for a multiple of `lanes` columns n; nothing for
+  /// a depth of 0. `a` holds A in panels of panelRows rows, the last one of what is left: per panel and k, the rows'
   /// values side by side.
   void (*packedProduct)(const float* a, size_t rows, const float* b, size_t bStride, size_t columns, size_t depth,
                         float* y, size_t yStride);
@@ -41,8 +41,8 @@ struct CpuKernels {
   /// evens[i] = x[2 * i], odds[i] = x[2 * i + 1], n values in all.
   void (*deinterleave)(const float* x, float* evens, float* odds, size_t n);
   /// V = B^T d B of F(2x2, 3x3) for n neighbouring tiles: value e (0 to 15) of tile i goes to v[e * plane + i]. `x` is
-  /// the first tile's first row, whose even columns lie there and whose odd ones at x + pitch; rows are 2 * pitch apart.
-  /// Reads as if n were rounded up to `lanes`, and one value more; writes garbage behind n tiles, up to `room`.
+  /// the first tile's first row, whose even columns lie there and whose odd ones at x + pitch; rows are 2 * pitch
+  /// apart. Reads as if n were rounded up to `lanes`, and one value more; writes garbage behind n tiles, up to `room`.
   void (*winogradInput)(const float* x, size_t pitch, float* v, size_t plane, size_t n, size_t room);
   /// A^T P A + bias, with a ReLU where told, for neighbouring tiles laid out as above: n values to each of the output
   /// rows y0 and y1, of which y1 may be null. Reads as if the tiles were rounded up to `lanes`.
