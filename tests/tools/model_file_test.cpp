@@ -95,7 +95,7 @@ TEST(ModelFileTest, RefusesDamagedCountsAndNames) {
   EXPECT_NE(std::string::npos, broken(offsetof(LayerBasicParam, weightSize), 0xffffffffu).find("weights"));
   EXPECT_NE(std::string::npos, broken(offsetof(LayerBasicParam, weightSize), 0x40000000u).find("weights"));
   std::string bytes = bytesOf(smallModel());
-  std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(conv + offsetof(LayerBasicParam, name)), kNameSize, 'x');
+  std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(kConv + offsetof(LayerBasicParam, name)), kNameSize, 'x');
   ModelFile model;
   std::string error;
   EXPECT_FALSE(parseModel(bytes, false, model, error)) << "a name without an end";
