@@ -160,11 +160,11 @@ std::string addConcat(SourceLayer& layer, std::vector<std::string> inputs, int a
 
 std::string addConstantChannels(SourceLayer& layer, const std::string& input, std::vector<float> channels,
                                 const std::string& suffix) {
-  ConvolutionSpec spec;
-  spec.numOutput = static_cast<int64_t>(channels.size());
-  spec.weights.resize(channels.size() * static_cast<size_t>(layer.shape(input).c));
-  spec.biases = std::move(channels);
-  return addConvolution(layer, input, std::move(spec), suffix);
+  ConvolutionArgs args;
+  args.numOutput = static_cast<int64_t>(channels.size());
+  args.weights.resize(channels.size() * static_cast<size_t>(layer.shape(input).c));
+  args.biases = std::move(channels);
+  return addConvolution(layer, input, std::move(args), suffix);
 }
 
 std::string addChannelPadding(SourceLayer& layer, const std::string& input, int64_t before, int64_t after,

@@ -9,7 +9,7 @@
 
 namespace corvalith::tools {
 
-struct ConvolutionSpec {
+struct ConvolutionArgs {
   int64_t numOutput = 0;
   int64_t kernelH = 1, kernelW = 1;
   int64_t strideH = 1, strideW = 1;
@@ -21,11 +21,11 @@ struct ConvolutionSpec {
 };
 
 /// Unequal padding and dilation are written as a larger kernel with zeros.
-std::string addConvolution(SourceLayer& layer, const std::string& input, ConvolutionSpec spec,
+std::string addConvolution(SourceLayer& layer, const std::string& input, ConvolutionArgs args,
                            const std::string& suffix = "");
 
 /// Weights are input channel, output channel of the group, row, column. Padding must be symmetric, dilation 1.
-std::string addDeconvolution(SourceLayer& layer, const std::string& input, ConvolutionSpec spec,
+std::string addDeconvolution(SourceLayer& layer, const std::string& input, ConvolutionArgs args,
                              const std::string& suffix = "");
 
 /// Gives a convolution other padding: the larger one of each axis, and for the difference rows or columns of zeros on
@@ -35,7 +35,7 @@ bool setPadding(Node& convolution, const Padding& pads);
 /// The padding that a convolution has now.
 Padding paddingOf(const Node& convolution);
 
-struct PoolingSpec {
+struct PoolingArgs {
   bool average = false;
   bool global = false;
   int64_t kernelH = 1, kernelW = 1;
@@ -47,7 +47,7 @@ struct PoolingSpec {
 };
 
 /// The engine's own windows, cut to those that the source has.
-std::string addPooling(SourceLayer& layer, const std::string& input, const PoolingSpec& spec,
+std::string addPooling(SourceLayer& layer, const std::string& input, const PoolingArgs& args,
                        const std::string& suffix = "");
 
 std::string addRelu(SourceLayer& layer, const std::string& input, const std::string& suffix = "");

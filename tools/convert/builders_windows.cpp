@@ -40,8 +40,8 @@ std::vector<float> embed(const std::vector<float>& kernels, int64_t kernelH, int
 }
 
 /// Whether the parameters are such that the arithmetic on them is safe, and the weights are as many as they say.
-bool checkSpec(SourceLayer& layer, const std::string& input, const ConvolutionSpec& spec, bool transposed) {
-  const int64_t windows[] = {spec.kernelH, spec.kernelW, spec.strideH, spec.strideW, spec.dilationH, spec.dilationW};
+bool checkArgs(SourceLayer& layer, const std::string& input, const ConvolutionArgs& args, bool transposed) {
+  const int64_t windows[] = {args.kernelH, args.kernelW, args.strideH, args.strideW, args.dilationH, args.dilationW};
   for (int64_t value : windows) {
     if (!inRange(value, 1, kMaxWindow)) {
       layer.unsupported("kernel, stride and dilation must lie in 1 to " + std::to_string(kMaxWindow) + ", one is " +
@@ -49,61 +49,61 @@ bool checkSpec(SourceLayer& layer, const std::string& input, const ConvolutionSp
       return false;
     }
   }
-  if (!sane(spec.pads)) {
-    layer.unsupported("padding (" + text(spec.pads) + ") must lie in 0 to " + std::to_string(kMaxWindow));
+  if (!sane(args.pads)) {
+    layer.unsupported("padding (" + text(args.pads) + ") must lie in 0 to " + std::to_string(kMaxWindow));
     return false;
   }
-  if (!inRange(spec.numOutput, 1, kMaxChannels) || !inRange(spec.group, 1, kMaxChannels)) {
-    layer.unsupported("needs at least 1 output channel and group, has " + std::to_string(spec.numOutput) + " and " +
-                      std::to_string(spec.group));
+  if (!inRange(args.numOutput, 1, kMaxChannels) || !inRange(args.group, 1, kMaxChannels)) {
+    layer.unsupported("needs at least 1 output channel and group, has " + std::to_string(args.numOutput) + " and " +
+                      std::to_string(args.group));
     return false;
   }
   const int channels = layer.shape(input).c;
-  if (channels % spec.group != 0 || spec.numOutput % spec.group != 0) {
-    layer.mismatch(std::to_string(spec.group) + " groups do not divide " + std::to_string(channels) + " input and " +
-                   std::to_string(spec.numOutput) + " output channels");
+  if (channels % args.group != 0 || args.numOutput % args.group != 0) {
+    layer.mismatch(std::to_string(args.group) + " groups do not divide " + std::to_string(channels) + " input and " +
+                   std::to_string(args.numOutput) + " output channels");
     return false;
   }
-  const int64_t perKernel = transposed ? spec.numOutput / spec.group : channels / spec.group;
-  const int64_t kernels = transposed ? channels : spec.numOutput;
+  const int64_t perKernel = transposed ? args.numOutput / args.group : channels / args.group;
+  const int64_t kernels = transposed ? channels : args.numOutput;
   const double needed = static_cast<double>(kernels) * static_cast<double>(perKernel) *
-                        static_cast<double>(spec.kernelH) * static_cast<double>(spec.kernelW);
-  if (static_cast<double>(spec.weights.size()) != needed) {
-    layer.mismatch("has " + std::to_string(spec.weights.size()) + " weights, " + std::to_string(kernels) + "x" +
-                   std::to_string(perKernel) + "x" + text(spec.kernelH, spec.kernelW) + " are needed");
+                        static_cast<double>(args.kernelH) * static_cast<double>(args.kernelW);
+  if (static_cast<double>(args.weights.size()) != needed) {
+    layer.mismatch("has " + std::to_string(args.weights.size()) + " weights, " + std::to_string(kernels) + "x" +
+                   std::to_string(perKernel) + "x" + text(args.kernelH, args.kernelW) + " are needed");
     return false;
   }
-  if (!spec.biases.empty() && static_cast<int64_t>(spec.biases.size()) < spec.numOutput) {
-    layer.mismatch("has " + std::to_string(spec.biases.size()) + " biases for " + std::to_string(spec.numOutput) +
+  if (!args.biases.empty() && static_cast<int64_t>(args.biases.size()) < args.numOutput) {
+    layer.mismatch("has " + std::to_string(args.biases.size()) + " biases for " + std::to_string(args.numOutput) +
                    " output channels");
     return false;
   }
   return true;
 }
 
-Node windowNode(const char* type, ConvolutionSpec& spec) {
+Node windowNode(const char* type, ConvolutionArgs& args) {
   Node node;
   node.type = type;
   ConvParam param;
-  param.num_output = static_cast<int32_t>(spec.numOutput);
-  param.kernel_h = static_cast<int32_t>(spec.kernelH);
-  param.kernel_w = static_cast<int32_t>(spec.kernelW);
-  param.stride_h = static_cast<int32_t>(spec.strideH);
-  param.stride_w = static_cast<int32_t>(spec.strideW);
-  param.group = static_cast<int32_t>(spec.group);
+  param.num_output = static_cast<int32_t>(args.numOutput);
+  param.kernel_h = static_cast<int32_t>(args.kernelH);
+  param.kernel_w = static_cast<int32_t>(args.kernelW);
+  param.stride_h = static_cast<int32_t>(args.strideH);
+  param.stride_w = static_cast<int32_t>(args.strideW);
+  param.group = static_cast<int32_t>(args.group);
   node.setSpecial(param);
-  node.weights = std::move(spec.weights);
-  node.biases = std::move(spec.biases);
-  node.biases.resize(static_cast<size_t>(spec.numOutput));  // the record always holds a bias per output channel
+  node.weights = std::move(args.weights);
+  node.biases = std::move(args.biases);
+  node.biases.resize(static_cast<size_t>(args.numOutput));  // the record always holds a bias per output channel
   return node;
 }
 
 /// The number that makes floor((size + reach) / stride) + 1 the source's count of windows.
-int64_t windowReach(const PoolingSpec& spec, int64_t before, int64_t after, int64_t kernel, int64_t stride) {
+int64_t windowReach(const PoolingArgs& args, int64_t before, int64_t after, int64_t kernel, int64_t stride) {
   int64_t reach = before + after - kernel;
-  if (spec.roundUp) reach += stride - 1;
+  if (args.roundUp) reach += stride - 1;
   // Only where there is padding; the last window then begins inside the input or its leading padding.
-  if (spec.roundUp && spec.clipLast && spec.pads.any()) reach = std::min(reach, before - 1);
+  if (args.roundUp && args.clipLast && args.pads.any()) reach = std::min(reach, before - 1);
   return reach;
 }
 
@@ -112,39 +112,39 @@ int64_t windowReach(const PoolingSpec& spec, int64_t before, int64_t after, int6
 std::string addSizeReference(SourceLayer& layer, const std::string& input, int64_t reachH, int64_t reachW,
                              int64_t stride) {
   const auto padFor = [](int64_t reach) { return reach < 0 ? 0 : reach / 2 + 1; };
-  ConvolutionSpec spec;
-  spec.numOutput = 1;
-  spec.strideH = spec.strideW = stride;
-  spec.pads = {padFor(reachH), padFor(reachW), padFor(reachH), padFor(reachW)};
-  spec.kernelH = 2 * spec.pads.top - reachH;
-  spec.kernelW = 2 * spec.pads.left - reachW;
-  spec.weights.resize(static_cast<size_t>(layer.shape(input).c * spec.kernelH * spec.kernelW));
-  return addConvolution(layer, input, std::move(spec), "size");
+  ConvolutionArgs args;
+  args.numOutput = 1;
+  args.strideH = args.strideW = stride;
+  args.pads = {padFor(reachH), padFor(reachW), padFor(reachH), padFor(reachW)};
+  args.kernelH = 2 * args.pads.top - reachH;
+  args.kernelW = 2 * args.pads.left - reachW;
+  args.weights.resize(static_cast<size_t>(layer.shape(input).c * args.kernelH * args.kernelW));
+  return addConvolution(layer, input, std::move(args), "size");
 }
 
 /// An average over windows that all lie inside the padded plane is a depthwise convolution.
-std::string addAverageConvolution(SourceLayer& layer, const std::string& input, const PoolingSpec& pooling,
+std::string addAverageConvolution(SourceLayer& layer, const std::string& input, const PoolingArgs& pooling,
                                   const std::string& suffix) {
   const int64_t area = pooling.kernelH * pooling.kernelW;
-  ConvolutionSpec spec;
-  spec.numOutput = spec.group = layer.shape(input).c;
-  spec.kernelH = pooling.kernelH;
-  spec.kernelW = pooling.kernelW;
-  spec.strideH = pooling.strideH;
-  spec.strideW = pooling.strideW;
-  spec.pads = pooling.pads;
-  spec.weights.assign(static_cast<size_t>(spec.numOutput * area), 1.0f / static_cast<float>(area));
+  ConvolutionArgs args;
+  args.numOutput = args.group = layer.shape(input).c;
+  args.kernelH = pooling.kernelH;
+  args.kernelW = pooling.kernelW;
+  args.strideH = pooling.strideH;
+  args.strideW = pooling.strideW;
+  args.pads = pooling.pads;
+  args.weights.assign(static_cast<size_t>(args.numOutput * area), 1.0f / static_cast<float>(area));
   layer.note("average over windows that a Pooling cannot have, written as a depthwise convolution");
-  return addConvolution(layer, input, std::move(spec), suffix);
+  return addConvolution(layer, input, std::move(args), suffix);
 }
 
-Node poolingNode(const PoolingSpec& spec, int64_t pad) {
+Node poolingNode(const PoolingArgs& args, int64_t pad) {
   PoolingParam param;
-  param.pool = spec.average ? 1 : 0;
-  param.kernel_size = static_cast<int32_t>(spec.kernelH);
+  param.pool = args.average ? 1 : 0;
+  param.kernel_size = static_cast<int32_t>(args.kernelH);
   param.pad = static_cast<int32_t>(pad);
-  param.stride = static_cast<int32_t>(spec.strideH);
-  param.global_pooling = spec.global ? 1 : 0;
+  param.stride = static_cast<int32_t>(args.strideH);
+  param.global_pooling = args.global ? 1 : 0;
   Node node;
   node.type = "Pooling";
   node.setSpecial(param);
@@ -178,45 +178,45 @@ bool setPadding(Node& convolution, const Padding& pads) {
   return true;
 }
 
-std::string addConvolution(SourceLayer& layer, const std::string& input, ConvolutionSpec spec,
+std::string addConvolution(SourceLayer& layer, const std::string& input, ConvolutionArgs args,
                            const std::string& suffix) {
-  if (!checkSpec(layer, input, spec, false)) return input;
-  if (spec.dilationH > 1 || spec.dilationW > 1) {
-    const int64_t newH = (spec.kernelH - 1) * spec.dilationH + 1, newW = (spec.kernelW - 1) * spec.dilationW + 1;
-    const int64_t kernels = static_cast<int64_t>(spec.weights.size()) / (spec.kernelH * spec.kernelW);
+  if (!checkArgs(layer, input, args, false)) return input;
+  if (args.dilationH > 1 || args.dilationW > 1) {
+    const int64_t newH = (args.kernelH - 1) * args.dilationH + 1, newW = (args.kernelW - 1) * args.dilationW + 1;
+    const int64_t kernels = static_cast<int64_t>(args.weights.size()) / (args.kernelH * args.kernelW);
     if (newH > kMaxWindow || newW > kMaxWindow || kernels * newH * newW > kMaxBlockElements) {
-      layer.unsupported("dilation " + text(spec.dilationH, spec.dilationW) + " of so large a kernel");
+      layer.unsupported("dilation " + text(args.dilationH, args.dilationW) + " of so large a kernel");
       return input;
     }
-    layer.note("dilation " + text(spec.dilationH, spec.dilationW) + ": kernel " + text(spec.kernelH, spec.kernelW) +
+    layer.note("dilation " + text(args.dilationH, args.dilationW) + ": kernel " + text(args.kernelH, args.kernelW) +
                " spread with zeros to " + text(newH, newW));
-    spec.weights = embed(spec.weights, spec.kernelH, spec.kernelW, newH, newW, 0, 0, spec.dilationH, spec.dilationW);
-    spec.kernelH = newH;
-    spec.kernelW = newW;
+    args.weights = embed(args.weights, args.kernelH, args.kernelW, newH, newW, 0, 0, args.dilationH, args.dilationW);
+    args.kernelH = newH;
+    args.kernelW = newW;
   }
-  const Padding pads = spec.pads;
-  Node node = windowNode("Conv", spec);
+  const Padding pads = args.pads;
+  Node node = windowNode("Conv", args);
   if (!setPadding(node, pads)) {
     layer.unsupported("padding " + text(pads));
     return input;
   }
   if (!pads.symmetric()) {
     const ConvParam p = node.specialAs<ConvParam>();
-    layer.note("unequal padding (" + text(pads) + "): kernel " + text(spec.kernelH, spec.kernelW) + " extended to " +
+    layer.note("unequal padding (" + text(pads) + "): kernel " + text(args.kernelH, args.kernelW) + " extended to " +
                text(p.kernel_h, p.kernel_w) + ", padding " + text(p.pad_h, p.pad_w));
   }
   return layer.add(std::move(node), {input}, suffix);
 }
 
-std::string addDeconvolution(SourceLayer& layer, const std::string& input, ConvolutionSpec spec,
+std::string addDeconvolution(SourceLayer& layer, const std::string& input, ConvolutionArgs args,
                              const std::string& suffix) {
-  if (spec.dilationH != 1 || spec.dilationW != 1 || !spec.pads.symmetric()) {
+  if (args.dilationH != 1 || args.dilationW != 1 || !args.pads.symmetric()) {
     layer.unsupported("a deconvolution with dilation or unequal padding");
     return input;
   }
-  if (!checkSpec(layer, input, spec, true)) return input;
-  const Padding pads = spec.pads;
-  Node node = windowNode("Deconv", spec);
+  if (!checkArgs(layer, input, args, true)) return input;
+  const Padding pads = args.pads;
+  Node node = windowNode("Deconv", args);
   ConvParam param = node.specialAs<ConvParam>();
   param.pad_h = static_cast<int32_t>(pads.top);
   param.pad_w = static_cast<int32_t>(pads.left);
@@ -224,16 +224,16 @@ std::string addDeconvolution(SourceLayer& layer, const std::string& input, Convo
   return layer.add(std::move(node), {input}, suffix);
 }
 
-std::string addPooling(SourceLayer& layer, const std::string& input, const PoolingSpec& spec,
+std::string addPooling(SourceLayer& layer, const std::string& input, const PoolingArgs& args,
                        const std::string& suffix) {
-  const Padding& pads = spec.pads;
-  if (spec.global) {
-    PoolingSpec whole;
-    whole.average = spec.average;
+  const Padding& pads = args.pads;
+  if (args.global) {
+    PoolingArgs whole;
+    whole.average = args.average;
     whole.global = true;
     return layer.add(poolingNode(whole, 0), {input}, suffix);
   }
-  const int64_t windows[] = {spec.kernelH, spec.kernelW, spec.strideH, spec.strideW};
+  const int64_t windows[] = {args.kernelH, args.kernelW, args.strideH, args.strideW};
   for (int64_t value : windows) {
     if (!inRange(value, 1, kMaxWindow)) {
       layer.unsupported("pooling kernel and stride must lie in 1 to " + std::to_string(kMaxWindow));
@@ -244,46 +244,46 @@ std::string addPooling(SourceLayer& layer, const std::string& input, const Pooli
     layer.unsupported("padding (" + text(pads) + ") must lie in 0 to " + std::to_string(kMaxWindow));
     return input;
   }
-  if (spec.average && pads.any() && !spec.countPadding) {
+  if (args.average && pads.any() && !args.countPadding) {
     layer.unsupported("averages that leave the padding out of their divisor");
     return input;
   }
   const Shape in = layer.shape(input);
-  const int64_t reachH = windowReach(spec, pads.top, pads.bottom, spec.kernelH, spec.strideH);
-  const int64_t reachW = windowReach(spec, pads.left, pads.right, spec.kernelW, spec.strideW);
+  const int64_t reachH = windowReach(args, pads.top, pads.bottom, args.kernelH, args.strideH);
+  const int64_t reachW = windowReach(args, pads.left, pads.right, args.kernelW, args.strideW);
   if (in.h + reachH < 0 || in.w + reachW < 0) {
-    layer.mismatch("the window " + text(spec.kernelH, spec.kernelW) + " is larger than its padded input of " +
+    layer.mismatch("the window " + text(args.kernelH, args.kernelW) + " is larger than its padded input of " +
                    text(in.h, in.w));
     return input;
   }
-  const int64_t outH = (in.h + reachH) / spec.strideH + 1, outW = (in.w + reachW) / spec.strideW + 1;
+  const int64_t outH = (in.h + reachH) / args.strideH + 1, outW = (in.w + reachW) / args.strideW + 1;
 
-  const bool square = spec.kernelH == spec.kernelW && spec.strideH == spec.strideW;
-  if (!square && !pads.any() && spec.kernelH == in.h && spec.kernelW == in.w) {
+  const bool square = args.kernelH == args.kernelW && args.strideH == args.strideW;
+  if (!square && !pads.any() && args.kernelH == in.h && args.kernelW == in.w) {
     layer.note("the window is the whole plane: pooled globally");
-    PoolingSpec whole = spec;
+    PoolingArgs whole = args;
     whole.global = true;
     return addPooling(layer, input, whole, suffix);
   }
   const bool evenPads = pads.symmetric() && pads.top == pads.left;
-  if (!square || (spec.average && !evenPads)) {
-    const bool full = (outH - 1) * spec.strideH + spec.kernelH <= in.h + pads.top + pads.bottom &&
-                      (outW - 1) * spec.strideW + spec.kernelW <= in.w + pads.left + pads.right;
-    if (spec.average && full) return addAverageConvolution(layer, input, spec, suffix);
-    layer.unsupported("pooling with kernel " + text(spec.kernelH, spec.kernelW) + ", stride " +
-                      text(spec.strideH, spec.strideW) + ", padding " + text(pads) +
+  if (!square || (args.average && !evenPads)) {
+    const bool full = (outH - 1) * args.strideH + args.kernelH <= in.h + pads.top + pads.bottom &&
+                      (outW - 1) * args.strideW + args.kernelW <= in.w + pads.left + pads.right;
+    if (args.average && full) return addAverageConvolution(layer, input, args, suffix);
+    layer.unsupported("pooling with kernel " + text(args.kernelH, args.kernelW) + ", stride " +
+                      text(args.strideH, args.strideW) + ", padding " + text(pads) +
                       " (the engine has one kernel size, one stride and one padding)");
     return input;
   }
 
   // Padding never wins a maximum, so more of it only adds windows before the wanted ones, which a Crop removes.
-  const int64_t stride = spec.strideH;
+  const int64_t stride = args.strideH;
   if ((pads.left - pads.top) % stride != 0) {
     layer.unsupported("max pooling whose padding (" + text(pads) + ") differs by no multiple of its stride");
     return input;
   }
   const auto windowCount = [&](int64_t size, int64_t pad) {
-    return (size + 2 * pad - spec.kernelH + 2 * stride - 1) / stride;
+    return (size + 2 * pad - args.kernelH + 2 * stride - 1) / stride;
   };
   int64_t pad = std::max(pads.top, pads.left);
   const auto missing = [&] {
@@ -293,9 +293,9 @@ std::string addPooling(SourceLayer& layer, const std::string& input, const Pooli
   while (missing()) pad += stride;
   const int64_t offsetH = (pad - pads.top) / stride, offsetW = (pad - pads.left) / stride;
   if (windowCount(in.h, pad) == outH && windowCount(in.w, pad) == outW) {
-    return layer.add(poolingNode(spec, pad), {input}, suffix);
+    return layer.add(poolingNode(args, pad), {input}, suffix);
   }
-  const std::string pooled = layer.add(poolingNode(spec, pad), {input}, suffix + "pool");
+  const std::string pooled = layer.add(poolingNode(args, pad), {input}, suffix + "pool");
   layer.note("the engine pools to " + text(windowCount(in.h, pad), windowCount(in.w, pad)) + ", cut to " +
              text(outH, outW) + " from row " + std::to_string(offsetH) + ", column " + std::to_string(offsetW));
   const std::string reference = addSizeReference(layer, input, reachH, reachW, stride);
@@ -304,10 +304,10 @@ std::string addPooling(SourceLayer& layer, const std::string& input, const Pooli
 
 std::string addSpatialPadding(SourceLayer& layer, const std::string& input, const Padding& pads,
                               const std::string& suffix) {
-  ConvolutionSpec spec;
-  spec.numOutput = spec.group = layer.shape(input).c;
-  spec.weights.assign(static_cast<size_t>(spec.numOutput), 1.0f);
-  Node node = windowNode("Conv", spec);
+  ConvolutionArgs args;
+  args.numOutput = args.group = layer.shape(input).c;
+  args.weights.assign(static_cast<size_t>(args.numOutput), 1.0f);
+  Node node = windowNode("Conv", args);
   if (!setPadding(node, pads)) {
     layer.unsupported("padding " + text(pads));
     return input;
@@ -322,13 +322,13 @@ std::string addUpsample(SourceLayer& layer, const std::string& input, int64_t fa
     layer.unsupported("enlargement by " + text(factorH, factorW) + " (1 to 64 are possible)");
     return input;
   }
-  ConvolutionSpec spec;
-  spec.numOutput = spec.group = layer.shape(input).c;
-  spec.kernelH = spec.strideH = factorH;
-  spec.kernelW = spec.strideW = factorW;
-  spec.weights.assign(static_cast<size_t>(spec.numOutput * factorH * factorW), 1.0f);
+  ConvolutionArgs args;
+  args.numOutput = args.group = layer.shape(input).c;
+  args.kernelH = args.strideH = factorH;
+  args.kernelW = args.strideW = factorW;
+  args.weights.assign(static_cast<size_t>(args.numOutput * factorH * factorW), 1.0f);
   layer.note("nearest-neighbour enlargement written as a depthwise deconvolution of ones");
-  return addDeconvolution(layer, input, std::move(spec), suffix);
+  return addDeconvolution(layer, input, std::move(args), suffix);
 }
 
 }  // namespace corvalith::tools

@@ -25,7 +25,7 @@ bool readPair(CaffeLayer& c, const char* what, const List& list, bool hasH, uint
   return true;
 }
 
-bool readConvolution(CaffeLayer& c, bool transposed, ConvolutionSpec& spec) {
+bool readConvolution(CaffeLayer& c, bool transposed, ConvolutionArgs& args) {
   const caffe::ConvolutionParameter& p = c.text.convolution_param();
   Pair kernel, stride, pad, dilation;
   if (!readPair(c, "kernel_size", p.kernel_size(), p.has_kernel_h(), p.kernel_h(), p.has_kernel_w(), p.kernel_w(), 0,
@@ -39,37 +39,37 @@ bool readConvolution(CaffeLayer& c, bool transposed, ConvolutionSpec& spec) {
     c.layer.unsupported("convolution_param axis " + std::to_string(p.axis()));
     return false;
   }
-  spec.numOutput = p.num_output();
-  spec.kernelH = kernel.h;
-  spec.kernelW = kernel.w;
-  spec.strideH = stride.h;
-  spec.strideW = stride.w;
-  spec.dilationH = dilation.h;
-  spec.dilationW = dilation.w;
-  spec.group = p.group();
-  spec.pads = {pad.h, pad.w, pad.h, pad.w};
+  args.numOutput = p.num_output();
+  args.kernelH = kernel.h;
+  args.kernelW = kernel.w;
+  args.strideH = stride.h;
+  args.strideW = stride.w;
+  args.dilationH = dilation.h;
+  args.dilationW = dilation.w;
+  args.group = p.group();
+  args.pads = {pad.h, pad.w, pad.h, pad.w};
   if (transposed && (dilation.h != 1 || dilation.w != 1)) {
     c.layer.unsupported("a deconvolution with dilation");
     return false;
   }
-  return c.values(0, spec.weights) && (!p.bias_term() || c.values(1, spec.biases));
+  return c.values(0, args.weights) && (!p.bias_term() || c.values(1, args.biases));
 }
 
 void convertConvolution(CaffeLayer& c) {
-  ConvolutionSpec spec;
-  if (readConvolution(c, false, spec)) addConvolution(c.layer, c.layer.input(), std::move(spec));
+  ConvolutionArgs args;
+  if (readConvolution(c, false, args)) addConvolution(c.layer, c.layer.input(), std::move(args));
 }
 
 void convertDepthwiseConvolution(CaffeLayer& c) {
-  ConvolutionSpec spec;
-  if (!readConvolution(c, false, spec)) return;
-  spec.group = c.layer.shape(c.layer.input()).c;
-  addConvolution(c.layer, c.layer.input(), std::move(spec));
+  ConvolutionArgs args;
+  if (!readConvolution(c, false, args)) return;
+  args.group = c.layer.shape(c.layer.input()).c;
+  addConvolution(c.layer, c.layer.input(), std::move(args));
 }
 
 void convertDeconvolution(CaffeLayer& c) {
-  ConvolutionSpec spec;
-  if (readConvolution(c, true, spec)) addDeconvolution(c.layer, c.layer.input(), std::move(spec));
+  ConvolutionArgs args;
+  if (readConvolution(c, true, args)) addDeconvolution(c.layer, c.layer.input(), std::move(args));
 }
 
 void convertInnerProduct(CaffeLayer& c) {
@@ -97,17 +97,17 @@ void convertPooling(CaffeLayer& c) {
     c.layer.unsupported("stochastic pooling");
     return;
   }
-  PoolingSpec spec;
-  spec.average = p.pool() == caffe::PoolingParameter::AVE;
-  spec.global = p.global_pooling();
-  spec.kernelH = p.has_kernel_h() ? p.kernel_h() : p.kernel_size();
-  spec.kernelW = p.has_kernel_w() ? p.kernel_w() : p.kernel_size();
-  spec.strideH = p.has_stride_h() ? p.stride_h() : p.stride();
-  spec.strideW = p.has_stride_w() ? p.stride_w() : p.stride();
+  PoolingArgs args;
+  args.average = p.pool() == caffe::PoolingParameter::AVE;
+  args.global = p.global_pooling();
+  args.kernelH = p.has_kernel_h() ? p.kernel_h() : p.kernel_size();
+  args.kernelW = p.has_kernel_w() ? p.kernel_w() : p.kernel_size();
+  args.strideH = p.has_stride_h() ? p.stride_h() : p.stride();
+  args.strideW = p.has_stride_w() ? p.stride_w() : p.stride();
   const int64_t padH = p.has_pad_h() ? p.pad_h() : p.pad(), padW = p.has_pad_w() ? p.pad_w() : p.pad();
-  spec.pads = {padH, padW, padH, padW};
-  spec.roundUp = p.round_mode() == caffe::PoolingParameter::CEIL;
-  addPooling(c.layer, c.layer.input(), spec);
+  args.pads = {padH, padW, padH, padW};
+  args.roundUp = p.round_mode() == caffe::PoolingParameter::CEIL;
+  addPooling(c.layer, c.layer.input(), args);
 }
 
 void convertRelu(CaffeLayer& c) {

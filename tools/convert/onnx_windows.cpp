@@ -54,8 +54,8 @@ bool readWindow(OnnxNode& n, Window& window) {
 }
 
 /// Weights, biases and window of a convolution or deconvolution.
-bool readConvolution(OnnxNode& n, ConvolutionSpec& spec) {
-  if (!n.floats(1, "weights", spec.weights) || (n.hasInput(2) && !n.floats(2, "biases", spec.biases))) return false;
+bool readConvolution(OnnxNode& n, ConvolutionArgs& args) {
+  if (!n.floats(1, "weights", args.weights) || (n.hasInput(2) && !n.floats(2, "biases", args.biases))) return false;
   const std::vector<int64_t>& dims = n.constant(1)->dims;
   if (dims.size() != 4) {
     n.layer.unsupported("convolutions over other than two dimensions");
@@ -64,15 +64,15 @@ bool readConvolution(OnnxNode& n, ConvolutionSpec& spec) {
   Window window;
   window.kernel = {dims[2], dims[3]};
   if (!readWindow(n, window)) return false;
-  spec.numOutput = dims[0];
-  spec.kernelH = window.kernel[0];
-  spec.kernelW = window.kernel[1];
-  spec.strideH = window.stride[0];
-  spec.strideW = window.stride[1];
-  spec.dilationH = window.dilation[0];
-  spec.dilationW = window.dilation[1];
-  spec.group = n.intAttr("group", 1);
-  spec.pads = window.pads;
+  args.numOutput = dims[0];
+  args.kernelH = window.kernel[0];
+  args.kernelW = window.kernel[1];
+  args.strideH = window.stride[0];
+  args.strideW = window.stride[1];
+  args.dilationH = window.dilation[0];
+  args.dilationW = window.dilation[1];
+  args.group = n.intAttr("group", 1);
+  args.pads = window.pads;
   return true;
 }
 
@@ -84,16 +84,16 @@ void convertPool(OnnxNode& n, bool average) {
     return;
   }
   n.ignoreAttr("storage_order");
-  PoolingSpec spec;
-  spec.average = average;
-  spec.kernelH = window.kernel[0];
-  spec.kernelW = window.kernel[1];
-  spec.strideH = window.stride[0];
-  spec.strideW = window.stride[1];
-  spec.pads = window.pads;
-  spec.roundUp = n.intAttr("ceil_mode", 0) != 0;
-  if (average) spec.countPadding = n.intAttr("count_include_pad", 0) != 0;
-  addPooling(n.layer, n.value(), spec);
+  PoolingArgs args;
+  args.average = average;
+  args.kernelH = window.kernel[0];
+  args.kernelW = window.kernel[1];
+  args.strideH = window.stride[0];
+  args.strideW = window.stride[1];
+  args.pads = window.pads;
+  args.roundUp = n.intAttr("ceil_mode", 0) != 0;
+  if (average) args.countPadding = n.intAttr("count_include_pad", 0) != 0;
+  addPooling(n.layer, n.value(), args);
 }
 
 void convertGlobalPool(OnnxNode& n, bool average) {
@@ -101,35 +101,35 @@ void convertGlobalPool(OnnxNode& n, bool average) {
     n.layer.unsupported("pooling over other than two dimensions");
     return;
   }
-  PoolingSpec spec;
-  spec.average = average;
-  spec.global = true;
-  addPooling(n.layer, n.value(), spec);
+  PoolingArgs args;
+  args.average = average;
+  args.global = true;
+  addPooling(n.layer, n.value(), args);
 }
 
 }  // namespace
 
 void convertOnnxConv(OnnxNode& n) {
-  ConvolutionSpec spec;
-  if (readConvolution(n, spec)) addConvolution(n.layer, n.value(), std::move(spec));
+  ConvolutionArgs args;
+  if (readConvolution(n, args)) addConvolution(n.layer, n.value(), std::move(args));
 }
 
 void convertOnnxConvTranspose(OnnxNode& n) {
-  ConvolutionSpec spec;
+  ConvolutionArgs args;
   std::vector<int64_t> extra, shape;
-  if (!readConvolution(n, spec)) return;
+  if (!readConvolution(n, args)) return;
   const bool moreRows =
       n.intsAttr("output_padding", extra) && std::any_of(extra.begin(), extra.end(), [](int64_t e) { return e != 0; });
   if (moreRows || n.intsAttr("output_shape", shape) || n.textAttr("auto_pad", "NOTSET") != "NOTSET") {
     n.layer.unsupported("output_padding, output_shape and auto_pad");
     return;
   }
-  if (spec.group < 1 || spec.group > kMaxBlockElements || n.constant(1)->dims[1] > kMaxBlockElements) {
-    n.layer.unsupported(std::to_string(spec.group) + " groups");
+  if (args.group < 1 || args.group > kMaxBlockElements || n.constant(1)->dims[1] > kMaxBlockElements) {
+    n.layer.unsupported(std::to_string(args.group) + " groups");
     return;
   }
-  spec.numOutput = n.constant(1)->dims[1] * spec.group;  // the weights begin with the input channels
-  addDeconvolution(n.layer, n.value(), std::move(spec));
+  args.numOutput = n.constant(1)->dims[1] * args.group;  // the weights begin with the input channels
+  addDeconvolution(n.layer, n.value(), std::move(args));
 }
 
 void convertOnnxMaxPool(OnnxNode& n) { convertPool(n, false); }
@@ -148,12 +148,12 @@ void convertOnnxReduceMean(OnnxNode& n) {
     n.layer.unsupported("means over other axes than rows and columns");
     return;
   }
-  PoolingSpec spec;
-  spec.average = spec.global = true;
+  PoolingArgs args;
+  args.average = args.global = true;
   if (n.intAttr("keepdims", 1) != 0) {
-    addPooling(n.layer, n.value(), spec);
+    addPooling(n.layer, n.value(), args);
   } else {
-    addReshape(n.layer, addPooling(n.layer, n.value(), spec, "mean"), {0, n.shape().c});
+    addReshape(n.layer, addPooling(n.layer, n.value(), args, "mean"), {0, n.shape().c});
   }
 }
 
