@@ -81,7 +81,7 @@ TEST(ModelFileTest, RefusesEveryCutOffFile) {
 
 TEST(ModelFileTest, RefusesDamagedCountsAndNames) {
   constexpr size_t kConv = 2 * sizeof(LayerTypeHeader) + sizeof(NetDescriptor) + sizeof(LayerBasicParam) +
-                      sizeof(InputDataParam);  // the convolution's record
+                           sizeof(InputDataParam);  // the convolution's record
   const auto broken = [](size_t offset, uint32_t value) {
     std::string bytes = bytesOf(smallModel());
     std::memcpy(&bytes[kConv + offset], &value, sizeof value);
