@@ -40,6 +40,7 @@ struct VecTypes<8> {
 
 template <int W>
 using Vec = typename VecTypes<W>::Floats;
+using V = Vec<kLanes>;
 template <int W>
 using VecInts = typename VecTypes<W>::Ints;
 template <int W>
