@@ -1,5 +1,6 @@
 // "DetectionOutput": the final list of a single-shot detector's boxes, from locations (input 0), confidences (input 1)
 // and prior boxes (input 2). The number of rows is another one in every run.
+#include <algorithm>
 #include <cstring>
 
 #include "core/log.h"
@@ -12,6 +13,9 @@ namespace {
 
 /// The priors are boxes (channel 0) and variances (channel 1), a column of four values each.
 int priorsIn(const Shape& priors) { return priors.h / 4; }
+
+/// The most images times classes. Each costs memory of its own, beside its priors': counts of a damaged file stop here.
+constexpr int64_t kMaxLabels = int64_t{1} << 20;
 
 class DetectionOuputCPUImpl final : public Impl {
  public:
@@ -79,6 +83,7 @@ class DetectionOutputLayer final : public StandardLayer {
 
   bool inputsFit() const {
     const int locClasses = param_.share_location != 0 ? 1 : param_.num_classes;
+    if (int64_t{images()} * std::max(1, param_.num_classes) > kMaxLabels) return false;
     const bool confidencesFit = param_.num_classes == 0 || bottomShape(1).elements() == candidates().elements();
     return confidencesFit && bottomShape(0).elements() == Shape{images(), priors(), locClasses, 4}.elements() &&
            bottomShape(2).elements() == Shape{2, priors(), 4, 1}.elements();

@@ -199,6 +199,15 @@ TEST(DetectionOutput, RefusesInputsThatDisagree) {
     c.name = "classes " + std::to_string(classes);
     expectInitRefused(c, kInitFail);
   }
+  const auto fitting = [](int images, int classes) {  // one prior, sizes that agree
+    DetectionOutputParam p = twoClasses();
+    p.num_classes = classes;
+    return LayerCase{"images x classes",
+                     layer("DetectionOutput", "", {}, p),
+                     {{{images, 4, 1, 1}, {images, classes, 1, 1}, {1, 2, 4, 1}}}};
+  };
+  expectInitRefused(fitting(1, (1 << 20) + 1), kInitFail);
+  expectInitRefused(fitting((1 << 19) + 1, 2), kInitFail);
   for (const size_t inputs : {0u, 1u, 2u}) {
     c.layer.setSpecial(twoClasses());
     c.sizes = {{fit.begin(), fit.begin() + static_cast<std::ptrdiff_t>(inputs)}};
