@@ -46,11 +46,11 @@ class DetectTest : public ::testing::Test {
  protected:
   DetectTest() : model(dir.write("detector.cvm", tools::modelBytes("detector", brightnessDetector()))) {}
 
-  /// A 20 x 10 picture of one grey.
+  /// A 200 x 100 picture of one grey.
   std::string picture(uint8_t grey) {
     const std::string path = dir.file("picture.png");
     std::string error;
-    EXPECT_TRUE(tools::writePng(path, Image{20, 10, std::vector<uint8_t>(20 * 10 * 3, grey)}, error)) << error;
+    EXPECT_TRUE(tools::writePng(path, Image{200, 100, std::vector<uint8_t>(200 * 100 * 3, grey)}, error)) << error;
     return path;
   }
 
@@ -76,11 +76,11 @@ constexpr const char* kScale = " --scale 0.0039215686 ";
 
 TEST_F(DetectTest, GivesBoxesInThePicturesPixels) {
   const std::string drawn = dir.file("drawn.png");
-  EXPECT_EQ("1 1.0000 5.0 2.5 15.0 7.5\n", detect("--image " + picture(255) + kScale + "--output " + drawn));
+  EXPECT_EQ("1 1.0000 50.0 25.0 150.0 75.0\n", detect("--image " + picture(255) + kScale + "--output " + drawn));
   Image image;
   std::string error;
   ASSERT_TRUE(tools::readImage(drawn, image, error)) << error;
-  const size_t frame = (5 * 20 + 5) * 3, inside = (5 * 20 + 10) * 3;  // row 5: the box's left edge, and its middle
+  const size_t frame = (50 * 200 + 50) * 3 + 1, inside = (50 * 200 + 100) * 3 + 1;  // green, on row 50
   EXPECT_NE(255, image.rgb[frame]);
   EXPECT_EQ(255, image.rgb[inside]);
 }
@@ -94,7 +94,7 @@ TEST_F(DetectTest, KeepsProportionsBetweenBordersIfAsked) {
   ASSERT_EQ(1u, found.size()) << text;
   EXPECT_EQ("yes", found[0]["name"]);
   EXPECT_NEAR(0.5, found[0]["score"].get<double>(), 1e-4);
-  const std::vector<double> box = found[0]["box"], wanted = {5, 0, 15, 10};
+  const std::vector<double> box = found[0]["box"], wanted = {50, 0, 150, 100};
   for (size_t i = 0; i < 4; ++i) EXPECT_NEAR(wanted[i], box[i], 1e-3) << i;
 }
 
