@@ -1,5 +1,5 @@
 // Makes the Caffe form of an SSD-MobileNetV1 face detector from the weights of the npm package @vladmandic/face-api
-// (MIT licence; the network is by Vincent Mühler and Vladimir Mandic): ssdface512.prototxt and ssdface512.caffemodel.
+// (MIT License, Copyright (c) Vladimir Mandic): ssdface512.prototxt and ssdface512.caffemodel.
 //
 // usage: node make-ssdface.mjs PACKAGE-FOLDER OUTPUT-FOLDER [--compare OTHER.caffemodel]
 //
