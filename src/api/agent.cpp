@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "core/cpu_device.h"
+#include "core/gpu_device.h"
 #include "core/log.h"
 
 namespace corvalith {
@@ -17,7 +18,11 @@ Agent::~Agent() {
 InferenceAgent::InferenceAgent(std::vector<Device*> const& devices, std::vector<CORVALITH_DATATYPE> const& dataTypes,
                                int) {
   for (size_t i = 0; i < devices.size(); ++i) {
-    contexts_.push_back(std::make_unique<CPUContext>(devices[i], dataTypes[i]));
+    if (devices[i]->getDeviceType() == CORVALITH_GPU) {
+      contexts_.push_back(std::make_unique<GPUContext>(devices[i], dataTypes[i]));
+    } else {
+      contexts_.push_back(std::make_unique<CPUContext>(devices[i], dataTypes[i]));
+    }
   }
 }
 

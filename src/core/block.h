@@ -30,6 +30,7 @@ class Block {
   int getHeight() const { return height_; }
   int getWidth() const { return width_; }
   CORVALITH_DATATYPE getType() const { return type_; }
+  bool onGpu() const { return context_->getDeviceType() == CORVALITH_GPU; }
   Shape shape() const { return {batch_, channel_, height_, width_}; }
   /// Element count of the current shape, as a 32-bit product.
   int getSize() const;

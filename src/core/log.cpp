@@ -56,4 +56,9 @@ int fail(const char* text) {
   return -1;
 }
 
+int failWith(const char* format, int status) {
+  logError(format, status);
+  return -1;
+}
+
 }  // namespace corvalith

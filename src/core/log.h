@@ -20,4 +20,7 @@ void logDebug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// Logs a fixed text and gives the failure status, so that a failed check is one line: `return fail("...")`.
 [[nodiscard]] int fail(const char* text);
 
+/// The same for a text that takes the status of an OpenCL call as its one %d.
+[[nodiscard]] int failWith(const char* format, int status);
+
 }  // namespace corvalith

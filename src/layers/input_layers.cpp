@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "gpu/gpu_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -50,11 +51,59 @@ class DataCPUImpl final : public Impl {
   }
 };
 
+class InputDataGPUImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int init(Blocks const&, Blocks const&, void*, Block*, Block*) override { return kernel_.fetch(gpu(), dataType_); }
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    kernel_.run(elementRange(tops[0]->shape()), buffer(bottoms[0]), buffer(tops[0]));
+    return 0;
+  }
+
+ private:
+  SharedKernel<kernels::kInputData> kernel_;
+};
+
+class DataGPUImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  ~DataGPUImpl() override {
+    if (mean_ != nullptr) context_->CorvalithRelease(mean_);
+  }
+
+  int init(Blocks const&, Blocks const&, void* record, Block*, Block*) override {
+    if (kernel_.fetch(gpu(), dataType_) != 0) return fail("set kernel failed");
+    mean_ = static_cast<cl_mem>(context_->CorvalithMalloc(static_cast<int>(kMaxDataChannels), dataType_));
+    if (mean_ == nullptr) return fail("DataGPUImpl mean buffer create fail");
+    const DataParam& param = *static_cast<const DataParam*>(record);
+    if (context_->floatToDeviceMem(param.mean, mean_, dataType_, static_cast<int>(kMaxDataChannels)) != 0) {
+      return fail("data 2 device failed");
+    }
+    return 0;
+  }
+
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const DataParam& param = *static_cast<const DataParam*>(record);
+    const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
+    const int firstColumn = (in.w - out.w) / 2;
+    // The kernel has no flag for mirroring; a first column below 0 tells it, as -1 minus the column.
+    const int column = param.mirror != 0 ? -1 - firstColumn : firstColumn;
+    kernel_.run({{out.c * out.n, out.h, alignTo(out.w, 64)}, {1, 1, 64}}, buffer(bottoms[0]), mean_, buffer(tops[0]),
+                in.w, in.h, column, (in.h - out.h) / 2, out.c, out.w, out.h, param.scale);
+    return 0;
+  }
+
+ private:
+  SharedKernel<kernels::kData> kernel_;
+  cl_mem mean_ = nullptr;  // room for every channel that an input may have
+};
+
 /// What both types share. Their special records begin with the input's shape.
 class InputLayer : public LayerLifecycle<BaseDataLayer> {
  public:
   int setInput(float* data) final {
     if (inputdata_ == nullptr || inputdata_->getData() == nullptr) return fail(missingInput_);
+    if (onGpu()) return queueInput(data);
     return context_->floatToDeviceMem(data, inputdata_->getData(), CORVALITH_FP32, inputdata_->getSize());
   }
 
@@ -99,6 +148,18 @@ class InputLayer : public LayerLifecycle<BaseDataLayer> {
   virtual int checkInput(const Shape& input) const { return input.usable() ? 0 : fail("block create fail"); }
 
  private:
+  /// The application's floats must stay valid until the queue has run; the forward pass that follows reads them.
+  int queueInput(const float* data) const {
+    const auto* gpu = dynamic_cast<GPUContext*>(context_);
+    if (gpu == nullptr) return fail("Context type cast failed!");
+    const size_t bytes = static_cast<size_t>(inputdata_->getSize()) * sizeof(float);
+    if (opencl().clEnqueueWriteBuffer(gpu->getCommandQueue(), buffer(inputdata_.get()), kClFalse, 0, bytes, data, 0,
+                                      nullptr, nullptr) != kClSuccess) {
+      return fail("InputDataLayer write buffer failed!");
+    }
+    return 0;
+  }
+
   /// The first four words of the special record.
   Shape recordedShape() const {
     Shape shape;
@@ -144,7 +205,7 @@ class InputDataLayer final : public InputLayer {
     return 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<InputDataCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<InputDataCPUImpl, InputDataGPUImpl>(); }
 
  private:
   InputDataParam param_;
@@ -169,7 +230,7 @@ class DataLayer final : public InputLayer {
     return 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<DataCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<DataCPUImpl, DataGPUImpl>(); }
 
  private:
   bool cropFits(const Shape& input) const {

@@ -51,6 +51,8 @@ class Layer {
   Impl* getImpl() const { return impl_.get(); }
 
  protected:
+  bool onGpu() const { return context_->getDeviceType() == CORVALITH_GPU; }
+
   uint32_t implWeightSize_ = 0;   // bytes of the weights as the implementation prepared them
   bool nbModel_ = false;          // the record came from a half-precision model
   char const* nbData_ = nullptr;  // its weights in the model image, until readData

@@ -15,6 +15,10 @@ bool isTerminated(const char (&name)[kNameSize]) { return std::memchr(name, 0, k
 /// Some types have no text for some failures: then only the status tells.
 int failWith(const char* text) { return text != nullptr ? fail(text) : -1; }
 
+/// Has memory just made read as zeros, as a GPU's does anyway: an output can be read before the first run, and after
+/// one that failed further up.
+int clearFresh(Block& block) { return block.onGpu() ? 0 : block.clear(); }
+
 bool hasMemory(const Block* block) { return block != nullptr && block->getData() != nullptr; }
 
 }  // namespace
@@ -23,6 +27,11 @@ template <class Base>
 int LayerLifecycle<Base>::refuseRecord(int size) const {
   logError(messages().basicParam, size, kBasicParamSize);  // most texts take no argument and ignore them
   return -1;
+}
+
+template <class Base>
+int LayerLifecycle<Base>::refuseInit() const {
+  return failWith(messages().implInit);
 }
 
 // Every type makes one top.
@@ -120,7 +129,7 @@ int LayerLifecycle<Base>::makeTop() {
       ownedTop_ = std::make_unique<TopBlock>(shape.n, shape.c, shape.h, shape.w, this->dataType_, this->context_, name);
       top = ownedTop_.get();
       if (!hasMemory(top)) return fail(messages().topCreate != nullptr ? messages().topCreate : "block create fail");
-      if (top->clear() != 0) return failWith(messages().topCreate);  // outputs read before the first run are zeros
+      if (clearFresh(*top) != 0) return failWith(messages().topCreate);
     }
     this->topData_[name] = top;
   }
@@ -179,7 +188,7 @@ int LayerLifecycle<Base>::reshape() {
   if (top->shape() != shape || !hasMemory(top)) {
     const bool newMemory = !hasMemory(top) || top->shape().elements() < shape.elements();
     if (top->reshape(shape) != 0) return failWith(messages().reshapeFail);
-    if (newMemory && top->clear() != 0) return -1;  // it can be read although the run fails further on
+    if (newMemory && clearFresh(*top) != 0) return -1;
   }
   if (implKnowsShapes()) return 0;
   implShapes_.clear();  // until it has succeeded, no shape counts as known

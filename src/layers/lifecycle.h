@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "core/record_reader.h"
@@ -85,9 +86,16 @@ class LayerLifecycle : public Base {
   /// Runs once after the implementation's init.
   virtual int afterInit();
 
-  template <class CPUImplementation>
+  /// One of a pair of implementations, by the context's device.
+  template <class CPUImplementation, class GPUImplementation = void>
   std::unique_ptr<Impl> make() {
-    return std::make_unique<CPUImplementation>(this->dataType_, this->context_);
+    if (!this->onGpu()) return std::make_unique<CPUImplementation>(this->dataType_, this->context_);
+    if constexpr (!std::is_void_v<GPUImplementation>) {
+      return std::make_unique<GPUImplementation>(this->dataType_, this->context_);
+    } else {
+      refuseInit();  // not on this device
+      return nullptr;
+    }
   }
 
   bool worksInPlace() const;
@@ -95,6 +103,8 @@ class LayerLifecycle : public Base {
   const LayerMessages& messages() const { return traits_.messages; }
   /// Logs the type's text about its basic record.
   int refuseRecord(int size) const;
+  /// Logs the type's text about an implementation that cannot be had.
+  int refuseInit() const;
 
   const LayerTraits& traits_;
   void* special_;

@@ -64,7 +64,11 @@ int Net::initInferenceNet() {
   if (state_ == State::kInitialised) return 0;
   if (state_ != State::kConnected) return -1;
   state_ = State::kFailed;  // also when an allocation below throws
-  if (initLayers() != 0) return -1;
+  const int status = initLayers();
+  // Queued work may still read the layers' records and the model image, and needs the buffers that staged them.
+  context_->synchronize();
+  context_->getDevice()->releaseTempBuf();
+  if (status != 0) return -1;
   state_ = State::kInitialised;
   return 0;
 }
@@ -76,10 +80,7 @@ int Net::initLayers() {
       return -1;
     }
   }
-  if (nbDataError_) return fail("thread read nb data wrong");
-  context_->getDevice()->synchronize();
-  context_->getDevice()->releaseTempBuf();
-  return 0;
+  return nbDataError_ ? fail("thread read nb data wrong") : 0;
 }
 
 }  // namespace corvalith

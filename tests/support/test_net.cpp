@@ -29,11 +29,13 @@ tools::ModelLayer inputLayer(const std::string& name, const Shape& s) {
   return layer("InputData", name, {}, param);
 }
 
-TestNet::TestNet(const std::vector<tools::ModelLayer>& layers, int slots)
-    : context(&device, CORVALITH_FP32), net(&context), status_(-1) {
+CpuSlot::CpuSlot(int slots) : context(&device, CORVALITH_FP32) {
   setCpuSlotCount(slots);
   device.deviceInit();
   setCpuSlotCount(1);
+}
+
+BuiltNet::BuiltNet(const std::vector<tools::ModelLayer>& layers, Context& context) : net(&context), status_(-1) {
   auto model = std::make_shared<Model>();
   const std::vector<char> bytes = tools::modelBytes("test", layers);
   model->loadModelDataFromMemory(bytes.data(), static_cast<int>(bytes.size()));
@@ -42,12 +44,12 @@ TestNet::TestNet(const std::vector<tools::ModelLayer>& layers, int slots)
   if (status_ == 0) status_ = net.initInferenceNet();
 }
 
-int TestNet::setInput(const std::string& layerName, const Tensor& t) {
+int BuiltNet::setInput(const std::string& layerName, const Tensor& t) {
   return net.setInput(const_cast<float*>(t.values.data()), t.shape.n, t.shape.c, t.shape.h, t.shape.w,
                       layerName.c_str());
 }
 
-Tensor TestNet::output(const std::string& topName) {
+Tensor BuiltNet::output(const std::string& topName) {
   Tensor result;
   Shape& s = result.shape;
   if (net.getLayerOutputCount(topName, &s.n, &s.c, &s.h, &s.w) != 0) return result;

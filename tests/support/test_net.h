@@ -1,4 +1,4 @@
-// A network on a CPU device of its own, from layers made in the test.
+// Networks from layers made in the test.
 #pragma once
 
 #include <memory>
@@ -33,24 +33,38 @@ tools::ModelLayer layer(const std::string& type, const std::string& name, std::v
 }
 tools::ModelLayer layer(const std::string& type, const std::string& name, std::vector<std::string> bottoms);
 
-/// Builds, connects and initialises in the constructor; `status` is that of the first step that failed. Members may be
-/// used directly where a test needs a single step.
-class TestNet {
+/// A network on somebody's context. Builds, connects and initialises in the constructor; `status` is that of the first
+/// step that failed. Members may be used directly where a test needs a single step.
+class BuiltNet {
  public:
-  explicit TestNet(const std::vector<tools::ModelLayer>& layers, int slots = 1);
+  BuiltNet(const std::vector<tools::ModelLayer>& layers, Context& context);
 
   int status() const { return status_; }
+  /// On a GPU the tensor must stay as it is until an output has been read.
   int setInput(const std::string& layerName, const Tensor& tensor);
   int run() { return net.forward(false); }
   /// The named output; without values when it cannot be had.
   Tensor output(const std::string& topName);
 
-  CPUDevice device;
-  CPUContext context;
   Net net;
 
  private:
   int status_;
+};
+
+/// A CPU device with a number of slots.
+struct CpuSlot {
+  explicit CpuSlot(int slots);
+
+  CPUDevice device;
+  CPUContext context;
+};
+
+/// A network on a CPU device of its own.
+class TestNet : public CpuSlot, public BuiltNet {
+ public:
+  explicit TestNet(const std::vector<tools::ModelLayer>& layers, int slots = 1)
+      : CpuSlot(slots), BuiltNet(layers, context) {}
 };
 
 }  // namespace corvalith::testing
