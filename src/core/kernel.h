@@ -3,7 +3,9 @@
 #pragma once
 
 #include <initializer_list>
+#include <string>
 #include <type_traits>
+#include <vector>
 
 #include "core/opencl.h"
 
@@ -20,6 +22,11 @@ struct KernelInfo {
   ElementTypes types = ElementTypes::kBoth;
   Twins twins = Twins::kPlainOnly;
 };
+
+constexpr const char* kWithAct = "_with_act";
+
+/// The full names of all variants of a kernel.
+std::vector<std::string> fullNames(const KernelInfo& kernel);
 
 /// A kernel's base name and the types of its arguments in order. Sizes and flags are ClInt, never half, bool or size_t:
 /// those differ between host and device.

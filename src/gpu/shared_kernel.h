@@ -23,7 +23,7 @@ class SharedKernel {
   int fetch(GPUContext* context, CORVALITH_DATATYPE type, bool withAct = false) {
     release();
     std::string name = kSignature.name;
-    if (withAct && kSignature.twins == Twins::kBoth) name += "_with_act";
+    if (kSignature.twins == Twins::kWithActOnly || (withAct && kSignature.twins == Twins::kBoth)) name += kWithAct;
     if (context->setKernel(kernel_, std::move(name), type) != 0) {
       kernel_ = nullptr;
       return -1;
