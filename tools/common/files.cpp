@@ -43,24 +43,37 @@ bool readFile(const std::string& path, std::string& bytes, std::string& error) {
   return true;
 }
 
-bool writeFile(const std::string& path, const void* bytes, size_t size, std::string& error) {
+StagedFile::~StagedFile() {
+  if (!temporary_.empty()) unlink(temporary_.c_str());
+}
+
+bool StagedFile::write(const void* bytes, size_t size, std::string& error) {
   struct stat info;
-  if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
-    error = path + " exists and is not a regular file";
+  if (stat(path_.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    error = path_ + " exists and is not a regular file";
     return false;
   }
-  std::string temporary = path + ".XXXXXX";
-  const int descriptor = mkstemp(temporary.data());
-  if (descriptor < 0) return failed("write", path, error);
+  std::string name = path_ + ".XXXXXX";
+  const int descriptor = mkstemp(name.data());
+  if (descriptor < 0) return failed("write", path_, error);
+  temporary_ = name;
   const mode_t mask = umask(0);
   umask(mask);
   File file(fdopen(descriptor, "wb"));
-  const bool written = file && fchmod(descriptor, 0666 & ~mask) == 0 &&
-                       std::fwrite(bytes, 1, size, file.get()) == size && std::fclose(file.release()) == 0;
-  if (written && std::rename(temporary.c_str(), path.c_str()) == 0) return true;
-  failed("write", path, error);
-  unlink(temporary.c_str());
-  return false;
+  return (file && fchmod(descriptor, 0666 & ~mask) == 0 && std::fwrite(bytes, 1, size, file.get()) == size &&
+          std::fclose(file.release()) == 0) ||
+         failed("write", path_, error);
+}
+
+bool StagedFile::commit(std::string& error) {
+  if (std::rename(temporary_.c_str(), path_.c_str()) != 0) return failed("write", path_, error);
+  temporary_.clear();
+  return true;
+}
+
+bool writeFile(const std::string& path, const void* bytes, size_t size, std::string& error) {
+  StagedFile file(path);
+  return file.write(bytes, size, error) && file.commit(error);
 }
 
 }  // namespace corvalith::tools

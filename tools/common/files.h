@@ -8,7 +8,27 @@ namespace corvalith::tools {
 /// Reads a regular file below 4 GiB into `bytes`. On failure returns false with the reason in `error`.
 bool readFile(const std::string& path, std::string& bytes, std::string& error);
 
-/// Writes a file by way of a temporary one in the same folder, so that `path` holds all of `bytes` or what it held.
+/// A file that is written under a fresh temporary name in the folder of `path` and then takes the place of `path`,
+/// which so holds the whole new file or what it held. Without commit the temporary file is removed. Functions return
+/// false with the reason in `error`.
+class StagedFile {
+ public:
+  explicit StagedFile(std::string path) : path_(std::move(path)) {}
+  ~StagedFile();
+  StagedFile(const StagedFile&) = delete;
+  StagedFile& operator=(const StagedFile&) = delete;
+
+  /// Once.
+  bool write(const void* bytes, size_t size, std::string& error);
+  /// Where it stands until commit; empty before write.
+  const std::string& temporary() const { return temporary_; }
+  bool commit(std::string& error);
+
+ private:
+  std::string path_, temporary_;
+};
+
+/// Writes a staged file and commits it.
 bool writeFile(const std::string& path, const void* bytes, size_t size, std::string& error);
 
 }  // namespace corvalith::tools
