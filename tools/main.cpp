@@ -45,6 +45,15 @@ void addPixelOptions(CLI::App& app, ImageOptions& pixels) {
       ->type_name("ORDER");
 }
 
+void addInputOptions(CLI::App& app, InputOptions& inputs) {
+  addList(app, "--input", inputs.arrays, "float32 .npy array for an input layer; the name may be left out")
+      ->type_name("[NAME=]FILE.npy");
+  addList(app, "--image", inputs.pictures,
+          "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
+      ->type_name("[NAME=]FILE");
+  addPixelOptions(app, inputs.pixels);
+}
+
 CLI::App& addConvert(CLI::App& app, ConvertCommand& command) {
   CLI::App& sub = *app.add_subcommand("convert", "make a model file from a Caffe or ONNX network");
   sub.footer("corvalith convert net.prototxt net.caffemodel out.cvm\ncorvalith convert net.onnx out.cvm");
@@ -70,13 +79,10 @@ CLI::App& addInspect(CLI::App& app, InspectCommand& command) {
 CLI::App& addRun(CLI::App& app, RunCommand& command) {
   CLI::App& sub = *app.add_subcommand("run", "run a model file once");
   sub.add_option("model", command.model, "model file")->required();
-  addList(sub, "--input", command.inputs, "float32 .npy array for an input layer; the name may be left out")
-      ->type_name("[NAME=]FILE.npy");
-  addList(sub, "--image", command.images,
-          "PNG or JPEG picture for an input layer, resized bilinearly (pixel centres at half) to its size")
-      ->type_name("[NAME=]FILE");
-  addPixelOptions(sub, command.image);
+  addInputOptions(sub, command.inputs);
   addList(sub, "--output", command.outputs, "write a top as a .npy array")->type_name("TOP=FILE.npy");
+  sub.add_option("--dump-all", command.dumpFolder, "write every top as FOLDER/TOP.npy, with / and the like as %2F")
+      ->type_name("FOLDER");
   sub.add_option("--top", command.top, "how many of the network output's largest values to print")
       ->check(CLI::Range(0, 1 << 28))
       ->capture_default_str();
@@ -114,6 +120,29 @@ CLI::App& addBench(CLI::App& app, BenchCommand& command) {
   return sub;
 }
 
+CLI::App& addCompare(CLI::App& app, CompareCommand& command) {
+  CLI::App& sub = *app.add_subcommand("compare", "tell how far two runs are apart, layer by layer");
+  sub.footer(
+      "A and B: model files, or folders that `run --dump-all` wrote. Inputs that are not given come from such a "
+      "folder,\n"
+      "or are noise. Exit status: 0 all agree, 1 some differ, 2 cannot be compared.");
+  sub.add_option("A", command.a, "model file or folder")->required();
+  sub.add_option("B", command.b, "the reference: model file or folder")->required();
+  addInputOptions(sub, command.inputs);
+  sub.add_option("--tolerance", command.tolerance,
+                 "largest difference allowed, as a part of the largest value that B has for the top")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  sub.add_option("--threads-a", command.threadsA, "CPU threads of A, 1 to 8")
+      ->check(CLI::Range(1, 8))
+      ->capture_default_str();
+  sub.add_option("--threads-b", command.threadsB, "CPU threads of B")->check(CLI::Range(1, 8))->capture_default_str();
+  sub.add_option("--seed", command.seed, "seed of the noise")->capture_default_str();
+  sub.add_flag("--json", command.json, "as JSON");
+  sub.add_flag("--verbose", command.verbose, "show the engine's progress lines");
+  return sub;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,16 +154,18 @@ int main(int argc, char** argv) {
   RunCommand run;
   DetectCommand detect;
   BenchCommand bench;
+  CompareCommand compare;
   int status = 0;
   addConvert(app, convert).callback([&] { status = runConvert(convert); });
   addInspect(app, inspect).callback([&] { status = runInspect(inspect); });
   addRun(app, run).callback([&] { status = runRun(run); });
   addDetect(app, detect).callback([&] { status = runDetect(detect); });
   addBench(app, bench).callback([&] { status = runBench(bench); });
+  addCompare(app, compare).callback([&] { status = runCompare(compare); });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return app.exit(error) == 0 ? 0 : 2;
   } catch (const std::bad_alloc&) {
     return fail("out of memory");
   }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/common/image.h"
+#include "tools/common/feeds.h"
 #include "tools/convert/convert.h"
 
 namespace corvalith::tools {
@@ -25,10 +25,9 @@ int runInspect(const InspectCommand& command);
 
 struct RunCommand {
   std::string model;
-  std::vector<std::string> inputs;   // "NAME=file.npy", or "file.npy" for the only input
-  std::vector<std::string> images;   // likewise
+  InputOptions inputs;
   std::vector<std::string> outputs;  // "TOP=file.npy"
-  ImageOptions image;
+  std::string dumpFolder;            // for all tops; empty for none
   int top = 5;
   int threads = 1;
   bool verbose = false;
@@ -54,6 +53,17 @@ struct BenchCommand {
   bool json = false, verbose = false;
 };
 int runBench(const BenchCommand& command);
+
+struct CompareCommand {
+  std::string a, b;     // model files or folders of dumped arrays; B is the reference
+  InputOptions inputs;  // of models; those that are not given come from a folder on the other side, or are noise
+  int threadsA = 1, threadsB = 1;
+  double tolerance = 1e-4;  // for the largest difference of a top over its reference's largest value
+  unsigned seed = 1;
+  bool json = false, verbose = false;
+};
+/// 0 where all tops that both have agree, 1 where one does not, 2 where they cannot be compared.
+int runCompare(const CompareCommand& command);
 
 /// "error: text" on standard error; gives the exit status of a failed command.
 int fail(const std::string& text);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/cpu_device.h"
+#include "core/device_manager.h"
 #include "core/log.h"
 #include "corvalith/corvalith.h"
 
@@ -48,6 +49,9 @@ class StdoutToStderr {
 
 void configureEngine(int threads, bool verbose) {
   setCpuSlotCount(threads);
+  // A device that is there already, from an earlier network, starts afresh with that many.
+  auto* device = static_cast<CPUDevice*>(DeviceManager::getDeviceManager()->getDevice(CORVALITH_CPU, 0));
+  if (device != nullptr && device->getThreadNum() != threads) device->deviceInit();
   setLogSink(verbose ? writeLine : writeErrors);
 }
 

@@ -10,7 +10,7 @@
 namespace corvalith::tools {
 
 /// Threads of the CPU (1 to 8) and whether the engine's progress lines are shown; its errors are shown in any case.
-/// For before the first network.
+/// Not while there is an Engine.
 void configureEngine(int threads, bool verbose);
 
 /// A model on CPU slot 0. Functions return false after a failure, whose reason the engine has written.
