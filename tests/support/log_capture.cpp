@@ -1,6 +1,7 @@
 #include "tests/support/log_capture.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 
 #include "core/log.h"
@@ -14,7 +15,10 @@ std::string& captured() {
   return lines;
 }
 
+std::mutex guard;  // the last line of a release comes after the engine's own lock
+
 void capture(LogPriority priority, const char* text) {
+  const std::lock_guard<std::mutex> lock(guard);
   captured() += priority == LogPriority::kError ? "E/" : "D/";
   captured() += text;
   captured() += '\0';
