@@ -2,8 +2,7 @@
 
 #include <unistd.h>
 
-#include <cstdio>
-#include <memory>
+#include <fstream>
 
 #include "core/log.h"
 
@@ -14,6 +13,8 @@
 namespace corvalith {
 namespace {
 
+constexpr std::streamoff kMaxProgramBytes = 1 << 30;
+
 const char* program = CORVALITH_PROGRAM_FILE;
 
 /// The whole file, or false after logging.
@@ -22,15 +23,16 @@ bool readProgramFile(std::vector<unsigned char>& bytes) {
     logError("Error: fileNameBinary doesn't exist");
     return false;
   }
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(programFile(), "rb"), std::fclose);
-  long length = -1;
-  if (file == nullptr || std::fseek(file.get(), 0, SEEK_END) != 0 || (length = std::ftell(file.get())) < 0 ||
-      std::fseek(file.get(), 0, SEEK_SET) != 0) {
+  std::ifstream file(programFile(), std::ios::binary | std::ios::ate);
+  const std::streamoff length = file ? static_cast<std::streamoff>(file.tellg()) : -1;
+  if (length < 0 || length > kMaxProgramBytes) {  // a directory opens too, and is endless
     logError("kernelBinary open failed");
     return false;
   }
   bytes.resize(static_cast<size_t>(length));
-  bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
+  file.seekg(0);
+  file.read(reinterpret_cast<char*>(bytes.data()), length);
+  bytes.resize(static_cast<size_t>(file.gcount()));
   return true;
 }
 

@@ -98,10 +98,9 @@ void* GPUDevice::CorvalithMalloc(int count, CORVALITH_DATATYPE type, const float
   if (!write(staging.get())) return refuse(kWriteFailed);
   const ScopedKernel kernel(opencl().clCreateKernel(program_, "float2half_FP16", &status_));
   if (status_ != kClSuccess) return refuse(kKernelFailed);
-  status_ = launch(queue_, kernel.get(), kernels::kFloatToHalf, {{count}}, staging.get(), mem.get());
-  if (status_ != kClSuccess) return refuse(kFillFailed);
-  opencl().clFinish(queue_);
-  return mem.release();
+  status_ = launch(queue_, kernel.get(), kernels::kFloatToHalf, Range({count}), staging.get(), mem.get());
+  if (status_ == kClSuccess) status_ = opencl().clFinish(queue_);
+  return status_ == kClSuccess ? mem.release() : refuse(kFillFailed);
 }
 
 void* GPUDevice::CorvalithMalloc(int bytes, CORVALITH_DATATYPE, const void* blob) {
@@ -133,7 +132,7 @@ int GPUDevice::zeroBuf(int64_t bytes, cl_mem mem) {
   status_ = setArguments(kernel, kernels::kZeroBuf, mem, halves);
   if (status_ != kClSuccess) return fail("set kernel arg err in zero buf");
   const int64_t items = (int64_t{halves} + 7) / 8;
-  status_ = enqueue(queue_, kernel, {{(items + 7) / 8 * 8}, {8}});
+  status_ = enqueue(queue_, kernel, Range({(items + 7) / 8 * 8}, {8}));
   if (status_ != kClSuccess) return failWith("Error: clEnqueueNDRangeKernel set 0 error, err: %d", status_);
   return 0;
 }
@@ -155,10 +154,9 @@ int GPUDevice::CorvalithClear(void* mem, CORVALITH_DATATYPE type, int count) {
   if (!clear(zeros.get())) return failWith(kMapFailed, status_);
   const ScopedKernel kernel(opencl().clCreateKernel(program_, "float2half_FP16", &status_));
   if (status_ != kClSuccess) return failWith(kKernelFailed, status_);
-  status_ = launch(queue_, kernel.get(), kernels::kFloatToHalf, {{count}}, zeros.get(), static_cast<cl_mem>(mem));
-  if (status_ != kClSuccess) return failWith(kFillFailed, status_);
-  opencl().clFinish(queue_);
-  return 0;
+  status_ = launch(queue_, kernel.get(), kernels::kFloatToHalf, Range({count}), zeros.get(), static_cast<cl_mem>(mem));
+  if (status_ == kClSuccess) status_ = opencl().clFinish(queue_);
+  return status_ == kClSuccess ? 0 : failWith(kFillFailed, status_);
 }
 
 int GPUDevice::floatToDeviceMem(const float* src, void* dst, CORVALITH_DATATYPE type, int count) {
@@ -178,7 +176,7 @@ int GPUDevice::floatToDeviceMem(const float* src, void* dst, CORVALITH_DATATYPE 
   opencl().clFlush(queue_);
   cl_kernel kernel = nullptr;
   if (setKernel(kernel, "float2half", CORVALITH_FP16) != 0) return fail("set kernel err");
-  status_ = launch(queue_, kernel, kernels::kFloatToHalf, {{count}}, staging, target);
+  status_ = launch(queue_, kernel, kernels::kFloatToHalf, Range({count}), staging, target);
   return status_ == kClSuccess ? 0 : failWith(kConvertFailed, status_);
 }
 
@@ -196,7 +194,7 @@ int GPUDevice::deviceMemToFloat(void* src, CORVALITH_DATATYPE type, float* dst, 
   if (staging == nullptr) return failWith(kCreateFailed, status_);
   cl_kernel kernel = nullptr;
   if (setKernel(kernel, "half2float", CORVALITH_FP16) != 0) return fail("set kernel err");
-  status_ = launch(queue_, kernel, kernels::kHalfToFloat, {{count}}, source, staging.get());
+  status_ = launch(queue_, kernel, kernels::kHalfToFloat, Range({count}), source, staging.get());
   const int result = status_ == kClSuccess ? read(staging.get()) : failWith(kConvertFailed, status_);
   releaseKernel(kernel);
   return result;

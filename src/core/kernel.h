@@ -40,10 +40,10 @@ struct KernelSignature : KernelInfo {
       : KernelInfo{baseName, sizeof...(Args), elementTypes, variants} {}
 };
 
-/// Global and local work sizes of up to three dimensions. Without local sizes the driver chooses them; otherwise each
-/// divides its global size.
+/// Global and local work sizes of up to three dimensions, as Range({global...}, {local...}). Without local sizes the
+/// driver chooses them; otherwise each divides its global size.
 struct Range {
-  Range(std::initializer_list<int64_t> globals, std::initializer_list<int64_t> locals = {})
+  explicit Range(std::initializer_list<int64_t> globals, std::initializer_list<int64_t> locals = {})
       : dimensions(static_cast<ClUint>(globals.size())), hasLocal(locals.size() > 0) {
     size_t axis = 0;
     for (const int64_t size : globals) global[axis++] = static_cast<size_t>(size);

@@ -31,7 +31,7 @@ void GPUImpl::padding(const Block* in, Block* out, int padW, int padH) {
     logError("static_cast context failed");
     return;
   }
-  pad_.run({{in->getBatch(), in->getChannel(), alignTo(out->getHeight() * out->getWidth(), 32)}, {1, 1, 32}},
+  pad_.run(Range({in->getBatch(), in->getChannel(), alignTo(out->getHeight() * out->getWidth(), 32)}, {1, 1, 32}),
            buffer(in), buffer(out), padW, padH, in->getWidth(), in->getHeight());
 }
 
@@ -52,13 +52,13 @@ void GPUImpl::im2colAlign(const Block* in, Block* padded, Block* col, int padW, 
   const int outH = (in->getHeight() + 2 * padH - kernelH + strideH) / strideH;
   const int height = padded->getHeight(), width = padded->getWidth(), channels = padded->getChannel();
   if (group == 1) {
-    convertOptimized_.run({{in->getBatch(), outH * outW, alignTo(kernelH * in->getChannel(), 16)}, {1, 1, 16}},
+    convertOptimized_.run(Range({in->getBatch(), outH * outW, alignTo(kernelH * in->getChannel(), 16)}, {1, 1, 16}),
                           buffer(source), buffer(col), kernelW, kernelH, strideW, strideH, height, width, channels,
                           col->getHeight(), col->getWidth(), outW, outH);
     return;
   }
   const int depth = kernelH * in->getChannel() * kernelW / group;
-  const Range range{{in->getBatch(), alignTo(outH * outW, 16), alignTo(depth, 16)}, {1, 16, 16}};
+  const Range range({in->getBatch(), alignTo(outH * outW, 16), alignTo(depth, 16)}, {1, 16, 16});
   for (int g = 0; g < group; ++g) {
     convertBlocked2_.run(range, buffer(source), buffer(col), kernelW, kernelH, strideW, strideH, height, width,
                          channels / group, col->getHeight() / group, col->getWidth(), g, outW, group, outH);
@@ -74,7 +74,7 @@ void GPUImpl::im2colAlign1xX(const Block* in, Block* padded, Block* col, int pad
   const Block* const source = paddedSource(in, padded, padW, padH);
   const int outW = (in->getWidth() + 2 * padW - kernelW + strideW) / strideW;
   const int outH = (in->getHeight() + 2 * padH - kernelH + strideH) / strideH;
-  convert2Points_.run({{in->getBatch(), in->getChannel(), alignTo(outH * outW, 16)}, {1, 1, 16}}, buffer(source),
+  convert2Points_.run(Range({in->getBatch(), in->getChannel(), alignTo(outH * outW, 16)}, {1, 1, 16}), buffer(source),
                       buffer(col), kernelW, kernelH, strideW, strideH, padded->getHeight(), padded->getWidth(),
                       padded->getChannel(), col->getHeight(), col->getWidth(), outW, outH, x);
 }

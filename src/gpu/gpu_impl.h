@@ -17,7 +17,7 @@ inline Range elementRange(const Shape& shape) {
   const int planes = shape.n * shape.c;
   const int columns = findMaxFactor(shape.w, 128);
   const int first = findMaxFactor(planes, 128 / columns);
-  return {{planes, shape.h, shape.w}, {first, findMaxFactor(shape.h, 128 / (first * columns)), columns}};
+  return Range({planes, shape.h, shape.w}, {first, findMaxFactor(shape.h, 128 / (first * columns)), columns});
 }
 
 /// What GPU implementations share: the context, the weights as the kernels want them, and the kernels with which

@@ -88,8 +88,8 @@ class DataGPUImpl final : public GPUImpl {
     const int firstColumn = (in.w - out.w) / 2;
     // The kernel has no flag for mirroring; a first column below 0 tells it, as -1 minus the column.
     const int column = param.mirror != 0 ? -1 - firstColumn : firstColumn;
-    kernel_.run({{out.c * out.n, out.h, alignTo(out.w, 64)}, {1, 1, 64}}, buffer(bottoms[0]), mean_, buffer(tops[0]),
-                in.w, in.h, column, (in.h - out.h) / 2, out.c, out.w, out.h, param.scale);
+    kernel_.run(Range({out.c * out.n, out.h, alignTo(out.w, 64)}, {1, 1, 64}), buffer(bottoms[0]), mean_,
+                buffer(tops[0]), in.w, in.h, column, (in.h - out.h) / 2, out.c, out.w, out.h, param.scale);
     return 0;
   }
 
