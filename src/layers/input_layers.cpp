@@ -139,7 +139,7 @@ class InputLayer : public LayerLifecycle<BaseDataLayer> {
     if (checkInput(s) != 0) return -1;
     inputdata_ = std::make_unique<Block>(s.n, s.c, s.h, s.w, CORVALITH_FP32, context_);
     if (inputdata_->getData() == nullptr) return fail("block create fail");
-    if (inputdata_->clear() != 0) return -1;
+    if (!onGpu() && inputdata_->clear() != 0) return -1;  // a GPU's memory comes cleared
     bottomBlocks_.push_back(inputdata_.get());
     return 0;
   }
@@ -225,7 +225,8 @@ class DataLayer final : public InputLayer {
 
   int topShape(Shape& top) override {
     top = bottomShape();
-    if (static_cast<uint32_t>(top.c) > kMaxDataChannels || !cropFits(top)) return -1;
+    if (static_cast<uint32_t>(top.c) > kMaxDataChannels) return -1;
+    if (!cropFits(top)) return fail("Crop size should be smaller than original size");
     if (param_.cropSize >= 1) top.h = top.w = param_.cropSize;
     return 0;
   }

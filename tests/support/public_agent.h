@@ -15,13 +15,27 @@ namespace corvalith::testing {
 /// Whether no call has kept the lock.
 inline bool lockIsFree() { return pthread_mutex_trylock(&GLOBAL_LOCK) == 0 && pthread_mutex_unlock(&GLOBAL_LOCK) == 0; }
 
-/// An agent with CPU slots, released with the object. Members call the function of their name on it.
+struct SlotKind {
+  CORVALITH_DEVICETYPE device;
+  CORVALITH_DATATYPE type;
+  int id;
+};
+
+/// An agent, released with the object. Members call the function of their name on it.
 class PublicAgent {
  public:
-  explicit PublicAgent(int slots = 1) {
-    const std::vector<int> types(static_cast<size_t>(slots) + 1, CORVALITH_CPU);
-    const std::vector<int> dataTypes(types.size(), CORVALITH_FP32), ids(types.size(), 0);
-    handle_ = CorvalithBuildAgent(types.data(), dataTypes.data(), ids.data(), slots);
+  /// On slots of the CPU.
+  explicit PublicAgent(int slots = 1)
+      : PublicAgent(std::vector<SlotKind>(static_cast<size_t>(slots), {CORVALITH_CPU, CORVALITH_FP32, 0})) {}
+  explicit PublicAgent(const std::vector<SlotKind>& slots) {
+    std::vector<int> types, dataTypes, ids;
+    for (const SlotKind& slot : slots) {
+      types.push_back(slot.device);
+      dataTypes.push_back(slot.type);
+      ids.push_back(slot.id);
+    }
+    types.reserve(1), dataTypes.reserve(1), ids.reserve(1);  // so that none of the pointers is null
+    handle_ = CorvalithBuildAgent(types.data(), dataTypes.data(), ids.data(), static_cast<int>(slots.size()));
   }
   ~PublicAgent() { CorvalithRelease(&handle_); }
   PublicAgent(const PublicAgent&) = delete;
