@@ -2,19 +2,12 @@
 #include <cmath>
 
 #include "tests/support/gpu_slot.h"
+#include "tests/support/half.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/public_agent.h"
 
 namespace corvalith::testing {
 namespace {
-
-/// The nearest half, ties to even, by arithmetic: 11 significant bits, in steps of at least 2^-24.
-float toHalf(float value) {
-  int exponent = 0;
-  std::frexp(value, &exponent);
-  const float step = std::ldexp(1.0f, std::max(exponent - 11, -24));
-  return std::nearbyint(value / step) * step;
-}
 
 /// An agent on the rig's GPUs; these live in the process's manager from the first test on.
 class GpuInput : public ::testing::TestWithParam<CORVALITH_DATATYPE> {

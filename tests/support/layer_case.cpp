@@ -10,16 +10,17 @@
 #include "tests/support/log_capture.h"
 
 namespace corvalith::testing {
-namespace {
 
-std::string describe(const LayerCase& c, const std::vector<Shape>& sizes, int slots) {
+CaseRunner runLayerCaseOnGpu = nullptr;
+
+std::string describe(const LayerCase& c, const std::vector<Shape>& sizes, const std::string& where) {
   std::ostringstream text;
-  text << c.layer.type << " case '" << c.name << "', seed " << c.seed << ", slots " << slots << ", inputs";
+  text << c.layer.type << " case '" << c.name << "', seed " << c.seed << ", " << where << ", inputs";
   for (const Shape& s : sizes) text << " " << s.n << "x" << s.c << "x" << s.h << "x" << s.w;
   return text.str();
 }
 
-std::string inputName(size_t i) { return "in" + std::to_string(i); }
+static std::string inputName(size_t i) { return "in" + std::to_string(i); }
 
 std::string outputName(const LayerCase& c) { return c.inPlace ? "in0" : "out"; }
 
@@ -37,6 +38,12 @@ std::vector<tools::ModelLayer> networkOf(const LayerCase& c) {
   return layers;
 }
 
+std::vector<std::vector<Shape>> stepsOf(const LayerCase& c) {
+  std::vector<std::vector<Shape>> steps = c.sizes;
+  if (steps.size() > 1) steps.push_back(steps[0]);
+  return steps;
+}
+
 std::vector<Tensor> inputsOf(const LayerCase& c, const std::vector<Shape>& sizes) {
   std::vector<Tensor> inputs;
   for (size_t i = 0; i < sizes.size(); ++i) {
@@ -46,8 +53,7 @@ std::vector<Tensor> inputsOf(const LayerCase& c, const std::vector<Shape>& sizes
   return inputs;
 }
 
-/// Sets the inputs and runs once; false when a step failed.
-bool feedAndRun(TestNet& net, const std::vector<Tensor>& inputs) {
+bool feedAndRun(BuiltNet& net, const std::vector<Tensor>& inputs) {
   for (size_t i = 0; i < inputs.size(); ++i) {
     if (net.setInput(inputName(i), inputs[i]) != 0) return false;
   }
@@ -76,17 +82,15 @@ bool sameBits(const Tensor& a, const Tensor& b) {
          std::memcmp(a.values.data(), b.values.data(), a.values.size() * sizeof(float)) == 0;
 }
 
-}  // namespace
-
 void runLayerCase(const LayerCase& c, const Reference& reference) {
-  std::vector<std::vector<Shape>> steps = c.sizes;
-  if (steps.size() > 1) steps.push_back(steps[0]);
+  if (runLayerCaseOnGpu != nullptr) runLayerCaseOnGpu(c, reference);
+  const std::vector<std::vector<Shape>> steps = stepsOf(c);
   std::vector<Tensor> oneSlot;
   for (const int slots : {1, 3}) {
     TestNet net(networkOf(c), slots);
-    ASSERT_EQ(net.status(), 0) << describe(c, steps[0], slots);
+    ASSERT_EQ(net.status(), 0) << describe(c, steps[0], std::to_string(slots) + " slots");
     for (size_t step = 0; step < steps.size(); ++step) {
-      SCOPED_TRACE(describe(c, steps[step], slots));
+      SCOPED_TRACE(describe(c, steps[step], std::to_string(slots) + " slots"));
       const std::vector<Tensor> inputs = inputsOf(c, steps[step]);
       ASSERT_TRUE(feedAndRun(net, inputs));
       const Tensor first = net.output(outputName(c));
@@ -104,7 +108,7 @@ void runLayerCase(const LayerCase& c, const Reference& reference) {
 }
 
 void expectReshapeRefused(const LayerCase& c, const std::string& line) {
-  SCOPED_TRACE(describe(c, c.sizes[1], 1));
+  SCOPED_TRACE(describe(c, c.sizes[1], "CPU"));
   LogCapture log;
   TestNet net(networkOf(c));
   ASSERT_EQ(net.status(), 0);
@@ -117,7 +121,7 @@ void expectReshapeRefused(const LayerCase& c, const std::string& line) {
 }
 
 void expectInitRefused(const LayerCase& c, const std::string& line) {
-  SCOPED_TRACE(describe(c, c.sizes[0], 1));
+  SCOPED_TRACE(describe(c, c.sizes[0], "CPU"));
   LogCapture log;
   TestNet net(networkOf(c));
   EXPECT_NE(net.status(), 0);

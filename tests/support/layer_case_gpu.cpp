@@ -1,0 +1,72 @@
+// Runs the cases of the layer tests on the rig's GPUs. Programs that compile this file do so in every runLayerCase.
+#include <set>
+
+#include "tests/support/gpu_slot.h"
+#include "tests/support/half.h"
+#include "tests/support/layer_case.h"
+
+namespace corvalith::testing {
+namespace {
+
+/// Types that run on the CPU only.
+const std::set<std::string> kWithoutGpu = {"BatchNorm", "Concat",  "Conv",  "Crop",     "Deconv", "DetectionOutput",
+                                           "Dropout",   "Eltwise", "FC",    "Flatten",  "LRN",    "PReLU",
+                                           "Permute",   "Pooling", "Power", "PriorBox", "ReLU",   "Reshape",
+                                           "Scale",     "Softmax", "Tanh"};
+
+void roundToHalf(std::vector<float>& values) {
+  for (float& value : values) value = toHalf(value);
+}
+
+/// What does not fit a half is infinite there.
+void overflow(Expected& expected) {
+  for (double& value : expected.values) {
+    if (std::fabs(value) >= 65520.0) value = std::copysign(INFINITY, value);
+  }
+}
+
+void runOn(const LayerCase& c, const Reference& reference, CORVALITH_DATATYPE type, const char* device) {
+  const bool half = type == CORVALITH_FP16;
+  const std::string where = std::string(device) + (half ? " in half" : " in float");
+  const std::vector<std::vector<Shape>> steps = stepsOf(c);
+  tools::ModelLayer layer = c.layer;
+  if (half) {
+    roundToHalf(layer.weights);
+    roundToHalf(layer.biases);
+  }
+  rig::reset();
+  {
+    GpuNet net(networkOf(c), type, device);
+    ASSERT_EQ(net.status(), 0) << describe(c, steps[0], where);
+    for (const std::vector<Shape>& step : steps) {
+      SCOPED_TRACE(describe(c, step, where));
+      std::vector<Tensor> inputs = inputsOf(c, step);
+      ASSERT_TRUE(feedAndRun(net, inputs));
+      const Tensor first = net.output(outputName(c));
+      ASSERT_TRUE(feedAndRun(net, inputs));
+      EXPECT_TRUE(sameBits(net.output(outputName(c)), first)) << "a second run differs";
+      if (half) {
+        for (Tensor& input : inputs) roundToHalf(input.values);
+      }
+      Expected expected = reference(layer, inputs);
+      if (half) overflow(expected);
+      compare(first, expected, half ? c.halfTolerance : std::max(c.tolerance, 1e-4));
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+  }
+  SCOPED_TRACE(describe(c, steps[0], where));
+  EXPECT_EQ(rig::faults(), Lines());
+  EXPECT_EQ(rig::live(), "");
+}
+
+void run(const LayerCase& c, const Reference& reference) {
+  if (kWithoutGpu.count(c.layer.type) != 0) return;
+  for (const CORVALITH_DATATYPE type : {CORVALITH_FP32, CORVALITH_FP16}) {
+    for (const char* device : {kPlainGpu, kBifrostGpu}) runOn(c, reference, type, device);
+  }
+}
+
+[[maybe_unused]] const bool kRegistered = (runLayerCaseOnGpu = run) != nullptr;
+
+}  // namespace
+}  // namespace corvalith::testing
