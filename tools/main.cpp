@@ -30,9 +30,37 @@ CLI::Option* addList(CLI::App& app, const char* name, std::vector<std::string>& 
   return app.add_option(name, target, help)->allow_extra_args(false);
 }
 
-void addEngineOptions(CLI::App& app, int& threads, bool& verbose) {
-  app.add_option("--threads", threads, "CPU threads, 1 to 8")->check(CLI::Range(1, 8))->capture_default_str();
-  app.add_flag("--verbose", verbose, "show the engine's progress lines");
+/// `suffix` tells the sides of a comparison apart.
+void addSlotOptions(CLI::App& app, SlotOptions& slot, const std::string& suffix = "") {
+  const std::string device = "--device" + suffix, type = "--type" + suffix;
+  const auto parseDevice = [&slot, device](const std::string& text) {
+    slot.gpu = text.rfind("gpu", 0) == 0;
+    if (text == "cpu" || text == "gpu") return;
+    if (text.rfind("gpu:", 0) != 0 || !CLI::detail::lexical_cast(text.substr(4), slot.id) || slot.id < 0) {
+      throw CLI::ValidationError(device, "is cpu, gpu or gpu:N, not " + text);
+    }
+  };
+  // Options are taken in the order in which they are added: the device is known.
+  const auto parseType = [&slot, type](const std::string& text) {
+    slot.half = text == "fp16";
+    if (slot.half && !slot.gpu) throw CLI::ValidationError(type, "fp16 is for GPUs only");
+  };
+  app.add_option_function<std::string>(device, parseDevice,
+                                       "where it runs: cpu, gpu or gpu:1, as `corvalith kernels --list` counts [cpu]")
+      ->type_name("DEVICE");
+  app.add_option_function<std::string>(type, parseType, "what tensors hold; fp16 on a GPU only [fp32]")
+      ->check(CLI::IsMember({"fp32", "fp16"}))
+      ->type_name("TYPE");
+  app.add_option("--threads" + suffix, slot.threads, "CPU threads, 1 to 8")
+      ->check(CLI::Range(1, 8))
+      ->capture_default_str();
+}
+
+void addEngineOptions(CLI::App& app, EngineOptions& options) {
+  app.add_option("--program-file", options.programFile,
+                 "what `corvalith kernels` made for the GPU, where it is elsewhere")
+      ->type_name("FILE");
+  app.add_flag("--verbose", options.verbose, "show the engine's progress lines");
 }
 
 void addPixelOptions(CLI::App& app, ImageOptions& pixels) {
@@ -86,7 +114,8 @@ CLI::App& addRun(CLI::App& app, RunCommand& command) {
   sub.add_option("--top", command.top, "how many of the network output's largest values to print")
       ->check(CLI::Range(0, 1 << 28))
       ->capture_default_str();
-  addEngineOptions(sub, command.threads, command.verbose);
+  addSlotOptions(sub, command.slot);
+  addEngineOptions(sub, command.engine);
   return sub;
 }
 
@@ -103,7 +132,8 @@ CLI::App& addDetect(CLI::App& app, DetectCommand& command) {
       "--letterbox", command.letterbox,
       "keep the picture's proportions, with borders of the mean colour; otherwise it is stretched to the input");
   sub.add_flag("--json", command.json, "as JSON");
-  addEngineOptions(sub, command.threads, command.verbose);
+  addSlotOptions(sub, command.slot);
+  addEngineOptions(sub, command.engine);
   return sub;
 }
 
@@ -115,8 +145,14 @@ CLI::App& addBench(CLI::App& app, BenchCommand& command) {
       ->check(CLI::Range(0, 1000000))
       ->capture_default_str();
   sub.add_option("--seed", command.seed, "seed of the input")->capture_default_str();
-  sub.add_flag("--json", command.json, "as JSON");
-  addEngineOptions(sub, command.threads, command.verbose);
+  CLI::Option* json = sub.add_flag("--json", command.json, "as JSON");
+  addSlotOptions(sub, command.slot);
+  const auto profile = [&command](int64_t) {
+    if (!command.slot.gpu) throw CLI::ValidationError("--profile", "needs --device gpu");
+    command.profile = true;
+  };
+  sub.add_flag_function("--profile", profile, "run again and report the GPU's time on each layer")->excludes(json);
+  addEngineOptions(sub, command.engine);
   return sub;
 }
 
@@ -133,13 +169,24 @@ CLI::App& addCompare(CLI::App& app, CompareCommand& command) {
                  "largest difference allowed, as a part of the largest value that B has for the top")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
-  sub.add_option("--threads-a", command.threadsA, "CPU threads of A, 1 to 8")
-      ->check(CLI::Range(1, 8))
-      ->capture_default_str();
-  sub.add_option("--threads-b", command.threadsB, "CPU threads of B")->check(CLI::Range(1, 8))->capture_default_str();
+  addSlotOptions(sub, command.slotA, "-a");
+  addSlotOptions(sub, command.slotB, "-b");
   sub.add_option("--seed", command.seed, "seed of the noise")->capture_default_str();
   sub.add_flag("--json", command.json, "as JSON");
-  sub.add_flag("--verbose", command.verbose, "show the engine's progress lines");
+  addEngineOptions(sub, command.engine);
+  return sub;
+}
+
+CLI::App& addKernels(CLI::App& app, KernelsCommand& command) {
+  CLI::App& sub = *app.add_subcommand("kernels", "make and check the program file that a GPU needs");
+  sub.footer("A program file holds all kernels as built by the GPU's own driver; FILE.json beside it says for what.");
+  CLI::App& what = *sub.add_option_group("What to do");
+  what.add_flag("--list", command.list, "show the GPUs");
+  what.add_option("--output", command.output, "build the kernels")->type_name("FILE");
+  what.add_option("--check", command.check, "tell whether a program file fits the GPU, its driver and these kernels")
+      ->type_name("FILE");
+  what.require_option(1);
+  sub.add_option("--device", command.device, "which GPU")->check(CLI::NonNegativeNumber)->capture_default_str();
   return sub;
 }
 
@@ -155,6 +202,7 @@ int main(int argc, char** argv) {
   DetectCommand detect;
   BenchCommand bench;
   CompareCommand compare;
+  KernelsCommand kernels;
   int status = 0;
   addConvert(app, convert).callback([&] { status = runConvert(convert); });
   addInspect(app, inspect).callback([&] { status = runInspect(inspect); });
@@ -162,6 +210,7 @@ int main(int argc, char** argv) {
   addDetect(app, detect).callback([&] { status = runDetect(detect); });
   addBench(app, bench).callback([&] { status = runBench(bench); });
   addCompare(app, compare).callback([&] { status = runCompare(compare); });
+  addKernels(app, kernels).callback([&] { status = runKernels(kernels); });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -39,6 +39,8 @@ class InferenceAgent final : public Agent {
   /// 0 or -14. The networks before the failing one are initialised, those after it are not.
   int initialize();
   int inference(int netIndex);
+  /// A slot's network for programs that look inside; null where there is none.
+  Net* getNet(size_t netIndex) const { return netIndex < nets_.size() ? nets_[netIndex].get() : nullptr; }
 
   int setInput(float* data, int batch, int channel, int height, int width, const char* layerName, int netIndex);
   int getDefaultInputSize(int* batch, int* channel, int* height, int* width, const char* layerName, int netIndex);

@@ -113,8 +113,9 @@ void runNetwork(const std::string& name, const std::vector<std::string>& sources
     const ConvertedNet net(name, sources, optimize);
     ASSERT_TRUE(net.converted);
     Npy input = net.inputShape == tools::blockShape(image.shape) ? image : channelsLast(image);
-    tools::Engine engine;
-    ASSERT_TRUE(engine.load(net.path()) && engine.initialize());
+    tools::Engine engine({});
+    std::string error;
+    ASSERT_TRUE(engine.load(net.path(), error) && engine.initialize()) << error;
     std::vector<Npy> first(outputs.size()), second(outputs.size());
     for (std::vector<Npy>* results : {&first, &second}) {
       ASSERT_TRUE(engine.setInput(net.inputName, tools::blockShape(input.shape), input.data) && engine.run());

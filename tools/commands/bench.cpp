@@ -5,6 +5,7 @@
 #include <numeric>
 #include <random>
 
+#include "core/profile.h"
 #include "tools/commands/commands.h"
 #include "tools/common/engine.h"
 #include "tools/common/progress.h"
@@ -22,6 +23,7 @@ struct Timing {
   std::string name;
   double init = 0, first = 0;
   std::vector<double> runs;  // sorted
+  std::vector<profile::LayerTime> layers;
 
   double average() const { return std::accumulate(runs.begin(), runs.end(), 0.0) / static_cast<double>(runs.size()); }
   /// The smallest time that at least this share of the runs does not exceed; between two where it falls on both.
@@ -42,13 +44,17 @@ std::string measure(const std::string& path, const BenchCommand& command, Timing
   std::mt19937 random(command.seed);
   std::uniform_real_distribution<float> values(-1.0f, 1.0f);
   const auto start = Clock::now();
-  Engine engine;
-  if (!engine.load(path) || !engine.initialize()) return "the engine does not initialise " + path;
+  Engine engine(command.slot);
+  if (command.profile) profile::install();  // for the queue, which is made when the devices are found
+  const bool loaded = engine.load(path, error);
+  profile::uninstall();
+  if (!loaded) return error;
+  if (!engine.initialize()) return "the engine does not initialise " + path;
   timing.init = millisecondsSince(start);
   for (const NetInput& input : netInputs(model)) {
     std::vector<float> data(static_cast<size_t>(std::max<int64_t>(0, input.shape.elements())));
     for (float& value : data) value = values(random);
-    if (!engine.setInput(input.layer, input.shape, data)) return "input \"" + input.layer + "\" of " + path;
+    if (!engine.setInput(input.layer, input.shape, std::move(data))) return "input \"" + input.layer + "\" of " + path;
   }
   const Progress progress(timing.name, command.runs);
   for (int i = -1 - command.warmup; i < command.runs; ++i) {
@@ -60,15 +66,27 @@ std::string measure(const std::string& path, const BenchCommand& command, Timing
     if (i >= 0) timing.runs.push_back(time);
   }
   std::sort(timing.runs.begin(), timing.runs.end());
-  return "";
+  if (!command.profile) return "";
+  profile::initProfile();
+  profile::install();
+  bool ran = true;
+  for (int i = 0; i < command.runs && ran; ++i) ran = engine.runProfiled();
+  profile::uninstall();
+  timing.layers.swap(profile::g_layer_time);
+  return ran ? "" : "the network does not run: " + path;
 }
 
 void printTable(const std::vector<Timing>& timings, const BenchCommand& command) {
   size_t width = 4;
   for (const Timing& timing : timings) width = std::max(width, timing.name.size());
   const int name = static_cast<int>(width);
-  std::printf("milliseconds; %d runs after %d to warm up, %d thread%s\n", command.runs, command.warmup, command.threads,
-              command.threads == 1 ? "" : "s");
+  const SlotOptions& slot = command.slot;
+  std::printf("milliseconds; %d runs after %d to warm up, ", command.runs, command.warmup);
+  if (slot.gpu) {
+    std::printf("%s, %s\n", slot.deviceName().c_str(), slot.typeName().c_str());
+  } else {
+    std::printf("%d thread%s\n", slot.threads, slot.threads == 1 ? "" : "s");
+  }
   std::printf("%-*s  %9s %9s  %9s %9s %9s %9s %9s\n", name, "name", "init", "first", "min", "max", "avg", "median",
               "p90");
   for (const Timing& t : timings) {
@@ -82,7 +100,9 @@ void printJson(const std::vector<Timing>& timings, const BenchCommand& command) 
   root["unit"] = "ms";
   root["runs"] = command.runs;
   root["warmup"] = command.warmup;
-  root["threads"] = command.threads;
+  root["device"] = command.slot.deviceName();
+  root["type"] = command.slot.typeName();
+  root["threads"] = command.slot.threads;
   root["seed"] = command.seed;
   for (const Timing& t : timings) {
     root["models"].push_back({{"name", t.name},
@@ -97,10 +117,19 @@ void printJson(const std::vector<Timing>& timings, const BenchCommand& command) 
   std::printf("%s\n", root.dump(2).c_str());
 }
 
+/// What the device itself worked on each layer.
+void printProfiles(std::vector<Timing>& timings) {
+  for (Timing& timing : timings) {
+    if (timings.size() > 1) std::printf("%s\n", timing.name.c_str());
+    profile::g_layer_time.swap(timing.layers);
+    profile::printProfileResult();
+  }
+}
+
 }  // namespace
 
 int runBench(const BenchCommand& command) {
-  configureEngine(command.threads, command.verbose);
+  configureEngine(command.slot, command.engine);
   std::vector<Timing> timings;
   for (const std::string& path : command.models) {
     Timing timing;
@@ -109,6 +138,7 @@ int runBench(const BenchCommand& command) {
     timings.push_back(std::move(timing));
   }
   command.json ? printJson(timings, command) : printTable(timings, command);
+  if (command.profile) printProfiles(timings);
   return 0;
 }
 

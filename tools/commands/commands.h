@@ -29,8 +29,8 @@ struct RunCommand {
   std::vector<std::string> outputs;  // "TOP=file.npy"
   std::string dumpFolder;            // for all tops; empty for none
   int top = 5;
-  int threads = 1;
-  bool verbose = false;
+  SlotOptions slot;
+  EngineOptions engine;
 };
 int runRun(const RunCommand& command);
 
@@ -41,29 +41,42 @@ struct DetectCommand {
   ImageOptions pixels;
   float threshold = 0.5f;
   bool letterbox = false;  // keep the picture's proportions; otherwise it is stretched
-  bool json = false, verbose = false;
-  int threads = 1;
+  bool json = false;
+  SlotOptions slot;
+  EngineOptions engine;
 };
 int runDetect(const DetectCommand& command);
 
 struct BenchCommand {
   std::vector<std::string> models;
-  int runs = 20, warmup = 3, threads = 1;
+  int runs = 20, warmup = 3;
   unsigned seed = 1;
-  bool json = false, verbose = false;
+  bool json = false;
+  bool profile = false;  // on a GPU
+  SlotOptions slot;
+  EngineOptions engine;
 };
 int runBench(const BenchCommand& command);
 
 struct CompareCommand {
   std::string a, b;     // model files or folders of dumped arrays; B is the reference
   InputOptions inputs;  // of models; those that are not given come from a folder on the other side, or are noise
-  int threadsA = 1, threadsB = 1;
+  SlotOptions slotA, slotB;
+  EngineOptions engine;
   double tolerance = 1e-4;  // for the largest difference of a top over its reference's largest value
   unsigned seed = 1;
-  bool json = false, verbose = false;
+  bool json = false;
 };
 /// 0 where all tops that both have agree, 1 where one does not, 2 where they cannot be compared.
 int runCompare(const CompareCommand& command);
+
+/// Exactly one of `list`, `output` and `check`.
+struct KernelsCommand {
+  bool list = false;
+  std::string output, check;  // program files
+  int device = 0;
+};
+int runKernels(const KernelsCommand& command);
 
 /// "error: text" on standard error; gives the exit status of a failed command.
 int fail(const std::string& text);

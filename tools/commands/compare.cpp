@@ -19,7 +19,7 @@ constexpr int kDiffers = 1, kTrouble = 2;  // exit status
 /// One side: the values of its tops, from a run of a model or from a folder.
 struct Side {
   std::string path;
-  int threads = 1;
+  SlotOptions slot;
   bool isFolder = false;
   ModelFile model;
   std::vector<NamedTop> tops;  // in the model's order; of a folder sorted by name and without layers
@@ -54,9 +54,9 @@ class Comparer {
  public:
   explicit Comparer(const CompareCommand& command) : command_(command) {
     sides_[0].path = command.a;
-    sides_[0].threads = command.threadsA;
+    sides_[0].slot = command.slotA;
     sides_[1].path = command.b;
-    sides_[1].threads = command.threadsB;
+    sides_[1].slot = command.slotB;
   }
   int run();
 
@@ -133,8 +133,8 @@ bool Comparer::execute(size_t index) {
   Side& side = sides_[index];
   std::vector<Feed> feeds;
   if (!chooseFeeds(index, feeds)) return false;
-  configureEngine(side.threads, command_.verbose);
-  Engine engine;
+  configureEngine(side.slot, command_.engine);
+  Engine engine(side.slot);
   if (!runOnce(engine, side.path, feeds, error_)) return false;
   for (const NamedTop& top : side.tops) {
     if (engine.output(top.name, side.arrays[top.name])) continue;

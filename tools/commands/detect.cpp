@@ -146,12 +146,12 @@ int runDetect(const DetectCommand& command) {
   const Image fed = command.letterbox ? letterboxed(image, input, command.pixels, placement) : image;
   std::vector<float> data = imageTensor(fed, input.c, input.h, input.w, command.pixels);
 
-  configureEngine(command.threads, command.verbose);
-  Engine engine;
+  configureEngine(command.slot, command.engine);
+  Engine engine(command.slot);
   Npy rows;
-  if (!engine.load(command.model)) return fail("the engine does not load " + command.model);
+  if (!engine.load(command.model, error)) return fail(error);
   if (!engine.initialize()) return fail("the engine does not initialise " + command.model);
-  if (!engine.setInput(inputs[0].layer, input, data) || !engine.run() || !engine.output(rows)) {
+  if (!engine.setInput(inputs[0].layer, input, std::move(data)) || !engine.run() || !engine.output(rows)) {
     return fail("the network does not run on this picture");
   }
   if (blockShape(rows.shape).w != static_cast<int>(kRowValues)) {

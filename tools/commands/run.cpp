@@ -72,8 +72,8 @@ int Runner::run() {
       return fail("give input \"" + input.layer + "\" (" + shapeText(input.shape) + ") once, by --input or --image");
     }
   }
-  configureEngine(command_.threads, command_.verbose);
-  Engine engine;
+  configureEngine(command_.slot, command_.engine);
+  Engine engine(command_.slot);
   Npy output;
   if (!runOnce(engine, command_.model, feeds, error_) || !writeOutputs(engine, model)) return fail(error_);
   if (!engine.output(output)) return fail("the network's output cannot be read");

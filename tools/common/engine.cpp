@@ -5,10 +5,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "api/agent.h"
 #include "core/cpu_device.h"
 #include "core/device_manager.h"
+#include "core/gpu_device.h"
 #include "core/log.h"
+#include "core/profile.h"
 #include "corvalith/corvalith.h"
+#include "tools/common/gpus.h"
 
 namespace corvalith::tools {
 namespace {
@@ -45,36 +49,80 @@ class StdoutToStderr {
   int saved_;
 };
 
+/// Why there is no agent, and what to do about it. A GPU that cannot be set up takes the CPU with it.
+std::string whyNoAgent(const SlotOptions& slot) {
+  const std::string path = programFile();
+  Gpu gpu;
+  std::string reason;
+  const bool anyGpu = findGpu(0, gpu, reason);
+  if (anyGpu && access(path.c_str(), R_OK) != 0) {
+    return "this machine has a GPU, " + gpu.name +
+           ", but not its program file: make it with `corvalith kernels --output " + path +
+           "`, name another with --program-file, or build with -DCORVALITH_OPENCL=OFF";
+  }
+  if (slot.gpu && !findGpu(slot.id, gpu, reason)) return reason;
+  if (!anyGpu) return "the engine cannot be set up";
+  return "a GPU cannot be set up: `corvalith kernels --check " + path + "` tells whether its program file still fits";
+}
+
 }  // namespace
 
-void configureEngine(int threads, bool verbose) {
-  setCpuSlotCount(threads);
+void configureEngine(const SlotOptions& slot, const EngineOptions& options) {
+  static std::string file;  // the engine does not copy it
+  if (!options.programFile.empty()) {
+    file = options.programFile;
+    setProgramFile(file.c_str());
+  }
+  setCpuSlotCount(slot.threads);
   // A device that is there already, from an earlier network, starts afresh with that many.
   auto* device = static_cast<CPUDevice*>(DeviceManager::getDeviceManager()->getDevice(CORVALITH_CPU, 0));
-  if (device != nullptr && device->getThreadNum() != threads) device->deviceInit();
-  setLogSink(verbose ? writeLine : writeErrors);
+  if (device != nullptr && device->getThreadNum() != slot.threads) device->deviceInit();
+  setLogSink(options.verbose ? writeLine : writeErrors);
 }
 
 Engine::~Engine() {
   if (agent_ != nullptr) CorvalithRelease(&agent_);
 }
 
-bool Engine::load(const std::string& modelPath) {
-  const int device = CORVALITH_CPU, type = CORVALITH_FP32, id = 0;
-  agent_ = CorvalithBuildAgent(&device, &type, &id, 1);
-  return agent_ != nullptr && CorvalithBuildModel(agent_, modelPath.c_str()) == 0;
+Device* Engine::device() const {
+  return DeviceManager::getDeviceManager()->getDevice(slot_.gpu ? CORVALITH_GPU : CORVALITH_CPU, slot_.id);
+}
+
+bool Engine::load(const std::string& modelPath, std::string& error) {
+  const int device = slot_.gpu ? CORVALITH_GPU : CORVALITH_CPU, type = slot_.half ? CORVALITH_FP16 : CORVALITH_FP32;
+  agent_ = CorvalithBuildAgent(&device, &type, &slot_.id, 1);
+  if (agent_ == nullptr) {
+    error = whyNoAgent(slot_);
+    return false;
+  }
+  if (CorvalithBuildModel(agent_, modelPath.c_str()) == 0) return true;
+  error = "the engine does not load " + modelPath;
+  return false;
 }
 
 bool Engine::initialize() { return CorvalithInitialize(agent_) == 0; }
 
-bool Engine::setInput(const std::string& layer, const Shape& shape, std::vector<float>& data) {
-  return static_cast<int64_t>(data.size()) == shape.elements() &&
-         CorvalithSetNetInput(agent_, data.data(), shape.n, shape.c, shape.h, shape.w, layer.c_str(), 0) == 0;
+bool Engine::setInput(const std::string& layer, const Shape& shape, std::vector<float> data) {
+  if (static_cast<int64_t>(data.size()) != shape.elements()) return false;
+  inputs_.push_back(std::move(data));
+  return CorvalithSetNetInput(agent_, inputs_.back().data(), shape.n, shape.c, shape.h, shape.w, layer.c_str(), 0) == 0;
 }
 
 bool Engine::run() {
   const StdoutToStderr quiet;
-  return CorvalithExecuteNet(agent_) == 0;
+  if (CorvalithExecuteNet(agent_) != 0 || device()->synchronize() != 0) return false;
+  inputs_.clear();
+  return true;
+}
+
+bool Engine::runProfiled() {
+  const StdoutToStderr quiet;
+  for (const std::shared_ptr<Layer>& layer : static_cast<InferenceAgent*>(agent_)->getNet(0)->getLayers()) {
+    profile::resetProfile();
+    if (layer->reshape() != 0 || layer->forward() != 0) return false;
+    profile::addProfileTime(layer->getName());
+  }
+  return device()->synchronize() == 0;
 }
 
 bool Engine::output(Npy& out) {

@@ -94,16 +94,13 @@ bool readFeeds(const InputOptions& options, const std::vector<NetInput>& inputs,
 }
 
 bool runOnce(Engine& engine, const std::string& model, std::vector<Feed>& feeds, std::string& error) {
-  if (!engine.load(model)) {
-    error = "the engine does not load " + model;
-    return false;
-  }
+  if (!engine.load(model, error)) return false;
   if (!engine.initialize()) {
     error = "the engine does not initialise " + model;
     return false;
   }
   for (Feed& feed : feeds) {
-    if (engine.setInput(feed.layer, feed.shape, feed.data)) continue;
+    if (engine.setInput(feed.layer, feed.shape, std::move(feed.data))) continue;
     error = "input \"" + feed.layer + "\" does not take " + shapeText(feed.shape);
     return false;
   }

@@ -31,7 +31,7 @@ bool readFeeds(const InputOptions& options, const std::vector<NetInput>& inputs,
 /// "NAME=file" taken apart; without a name `standard`, which is empty where a name is needed. A name may hold '='.
 bool parseBinding(const std::string& text, const std::string& standard, std::string& name, std::string& file);
 
-/// The model with these inputs, loaded, run once. Returns false with the reason in `error`.
+/// The model with these inputs, loaded, run once; takes the inputs' values. Returns false with the reason in `error`.
 bool runOnce(Engine& engine, const std::string& model, std::vector<Feed>& feeds, std::string& error);
 
 }  // namespace corvalith::tools
