@@ -30,7 +30,7 @@ int make(const Gpu& gpu, const std::string& path) {
   std::printf("%s: %zu kernels, %zu bytes, loaded again and found good; %s.json says what it was made for\n",
               path.c_str(), facts.kernels, facts.bytes, path.c_str());
   if (!facts.missing.empty()) {
-    std::printf("layers that need one of these cannot run on the GPU yet:");
+    std::printf("this version has no kernels for layers that need:");
     for (const std::string& name : facts.missing) std::printf(" %s", name.c_str());
     std::printf("\n");
   }

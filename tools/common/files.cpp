@@ -47,7 +47,7 @@ StagedFile::~StagedFile() {
   if (!temporary_.empty()) unlink(temporary_.c_str());
 }
 
-bool StagedFile::write(const void* bytes, size_t size, std::string& error) {
+bool StagedFile::open(std::string& error) {
   struct stat info;
   if (stat(path_.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
     error = path_ + " exists and is not a regular file";
@@ -56,12 +56,16 @@ bool StagedFile::write(const void* bytes, size_t size, std::string& error) {
   std::string name = path_ + ".XXXXXX";
   const int descriptor = mkstemp(name.data());
   if (descriptor < 0) return failed("write", path_, error);
+  close(descriptor);
   temporary_ = name;
   const mode_t mask = umask(0);
   umask(mask);
-  File file(fdopen(descriptor, "wb"));
-  return (file && fchmod(descriptor, 0666 & ~mask) == 0 && std::fwrite(bytes, 1, size, file.get()) == size &&
-          std::fclose(file.release()) == 0) ||
+  return chmod(name.c_str(), 0666 & ~mask) == 0 || failed("write", path_, error);
+}
+
+bool StagedFile::write(const void* bytes, size_t size, std::string& error) {
+  File file(std::fopen(temporary_.c_str(), "wb"));
+  return (file && std::fwrite(bytes, 1, size, file.get()) == size && std::fclose(file.release()) == 0) ||
          failed("write", path_, error);
 }
 
@@ -73,7 +77,7 @@ bool StagedFile::commit(std::string& error) {
 
 bool writeFile(const std::string& path, const void* bytes, size_t size, std::string& error) {
   StagedFile file(path);
-  return file.write(bytes, size, error) && file.commit(error);
+  return file.open(error) && file.write(bytes, size, error) && file.commit(error);
 }
 
 }  // namespace corvalith::tools

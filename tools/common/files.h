@@ -18,9 +18,10 @@ class StagedFile {
   StagedFile(const StagedFile&) = delete;
   StagedFile& operator=(const StagedFile&) = delete;
 
-  /// Once.
+  /// Makes the temporary file, so that a place where nothing can be written shows early.
+  bool open(std::string& error);
   bool write(const void* bytes, size_t size, std::string& error);
-  /// Where it stands until commit; empty before write.
+  /// Where it stands until commit; empty before open.
   const std::string& temporary() const { return temporary_; }
   bool commit(std::string& error);
 

@@ -60,25 +60,25 @@ std::string dump(const Json& json) { return json.dump(2, ' ', false, Json::error
 size_t neededGroup(const KernelInfo& kernel) { return &kernel == &kernels::kConvertBlocked2 ? 256 : 128; }
 
 /// Makes every kernel that the engine knows and the program has, for which some drivers only then generate code.
-/// `groups` gets the largest work group of each by name; names that the program lacks are added to `missing`.
+/// `groups` gets the largest work group of each by name; base names of those that it lacks are added to `missing`.
 bool createKernels(cl_program program, const Gpu& gpu, Json& groups, std::vector<std::string>& missing,
                    std::string& error) {
   constexpr ClInt kNoSuchKernel = -46;
   const OpenCL& cl = opencl();
-  std::vector<std::pair<std::string, size_t>> wanted;
+  std::vector<std::pair<std::string, const KernelInfo*>> wanted;
   for (const KernelInfo* kernel : kernels::kAll) {
-    for (std::string& name : fullNames(*kernel)) wanted.emplace_back(std::move(name), neededGroup(*kernel));
+    for (std::string& name : fullNames(*kernel)) wanted.emplace_back(std::move(name), kernel);
   }
   const Progress progress("kernels", static_cast<int>(wanted.size()));
   std::string tooSmall;
   int done = 0;
   groups = Json::object();
-  for (const auto& [name, needed] : wanted) {
+  for (const auto& [name, info] : wanted) {
     progress.at(done++);
     ClInt status = kClSuccess;
     const ScopedKernel kernel(cl.clCreateKernel(program, name.c_str(), &status));
     if (status == kNoSuchKernel) {
-      missing.push_back(name);
+      if (missing.empty() || missing.back() != info->name) missing.push_back(info->name);
       continue;
     }
     if (status != kClSuccess) return refused("creating the kernel " + name, status, error);
@@ -86,6 +86,7 @@ bool createKernels(cl_program program, const Gpu& gpu, Json& groups, std::vector
     status =
         cl.clGetKernelWorkGroupInfo(kernel.get(), gpu.device, kClKernelWorkGroupSize, sizeof group, &group, nullptr);
     if (status != kClSuccess) return refused("asking for the work group of " + name, status, error);
+    const size_t needed = neededGroup(*info);
     if (group < needed) tooSmall += " " + name + " (" + std::to_string(group) + " of " + std::to_string(needed) + ")";
     groups[name] = group;
   }
@@ -189,8 +190,8 @@ bool makeProgramFile(const Gpu& gpu, const std::string& path, ProgramFacts& fact
   std::string binary;
   Json groups;
   StagedFile file(path);
-  if (!buildBinary(gpu, binary, groups, facts.missing, error) || !file.write(binary.data(), binary.size(), error) ||
-      !proveUsable(gpu, file.temporary(), groups.size(), error)) {
+  if (!file.open(error) || !buildBinary(gpu, binary, groups, facts.missing, error) ||
+      !file.write(binary.data(), binary.size(), error) || !proveUsable(gpu, file.temporary(), groups.size(), error)) {
     return false;
   }
   Json manifest = origin(gpu);

@@ -10,7 +10,7 @@ namespace corvalith::tools {
 /// What was made.
 struct ProgramFacts {
   size_t kernels = 0, bytes = 0;
-  std::vector<std::string> missing;  // kernels that the engine knows and the program does not have
+  std::vector<std::string> missing;  // base names of kernels that the engine knows and the program lacks
 };
 
 /// Builds all kernels with the GPU's own driver, proves that the engine can use the file, and then puts it at `path`
