@@ -31,6 +31,7 @@ Settings settingsFromEnvironment() {
   }
   settings.half = std::atoi(environment("RIG_HALF", "1")) != 0;
   settings.poison = std::atoi(environment("RIG_POISON", "1")) != 0;
+  settings.keep = std::atoi(environment("RIG_KEEP", "0")) != 0;
   settings.guard = static_cast<size_t>(std::atoi(environment("RIG_GUARD", "64")));
   return settings;
 }
@@ -38,7 +39,7 @@ Settings settingsFromEnvironment() {
 void writeLaunchLog() {
   const char* path = std::getenv("RIG_LAUNCH_LOG");
   if (path == nullptr) return;
-  std::ofstream log(path, std::ios::app);
+  std::ofstream log(path);
   for (const std::string& name : state().launched) log << name << '\n';
 }
 

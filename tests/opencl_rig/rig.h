@@ -20,10 +20,11 @@ struct Settings {
   bool noPlatform = false;  // the loader finds no driver at all
   bool poison = true;       // fresh buffers hold NaN
   size_t guard = 64;        // bytes behind every buffer that must stay as they are
+  bool keep = false;        // the driver does not hear of released buffers
 };
 
-/// Taken from the environment at first (RIG_NAMES, separated by ';', RIG_HALF, RIG_POISON, RIG_GUARD), so that a
-/// program may be run over the rig too.
+/// Taken from the environment at first (RIG_NAMES, separated by ';', RIG_HALF, RIG_POISON, RIG_GUARD, RIG_KEEP), so
+/// that a program may be run over the rig too.
 Settings& settings();
 
 /// Takes back all failures, and forgets the trace, the counts and the faults. Settings and live objects stay.
@@ -54,8 +55,8 @@ std::string live();
 /// divide, launches with missing arguments. Looks at the guards of all live buffers.
 std::vector<std::string> faults();
 
-/// Names of all kernels that were ever launched in this process. At exit they are added to the file that RIG_LAUNCH_LOG
-/// names.
+/// Names of all kernels that were ever launched in this process. At exit they are written to the file that
+/// RIG_LAUNCH_LOG names.
 std::set<std::string> launchedKernels();
 
 }  // namespace corvalith::rig
