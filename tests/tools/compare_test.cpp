@@ -1,6 +1,5 @@
 // `corvalith compare` from outside, and the arithmetic behind it.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cmath>
 #include <fstream>
@@ -8,8 +7,8 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/temp_dir.h"
 #include "tests/support/test_net.h"
+#include "tests/tools/tool_test.h"
 #include "tools/common/difference.h"
 #include "tools/common/dumps.h"
 
@@ -78,7 +77,7 @@ std::vector<ModelLayer> network() {
   return {inputLayer("data", {1, 3, 6, 7}), first, relu, second, scores};
 }
 
-class CompareTest : public ::testing::Test {
+class CompareTest : public ToolTest {
  protected:
   std::string model(const std::string& name, const std::vector<ModelLayer>& layers) {
     return dir.write(name, tools::modelBytes("net", layers));
@@ -90,20 +89,9 @@ class CompareTest : public ::testing::Test {
     EXPECT_EQ(0, run("run " + modelPath + " --input " + dir.file("in.npy") + " --dump-all " + dir.file(name))) << text;
     return dir.file(name);
   }
-  int run(const std::string& arguments) {
-    const std::string log = dir.file("log");
-    const int status = std::system((std::string(CORVALITH_PROGRAM) + " " + arguments + " >" + log + " 2>&1").c_str());
-    std::ifstream file(log);
-    text.assign(std::istreambuf_iterator<char>(file), {});
-    return WEXITSTATUS(status);
-  }
   int compare(const std::string& a, const std::string& b, const std::string& options = "") {
     return run("compare " + a + " " + b + " " + options);
   }
-  bool says(const std::string& part) const { return text.find(part) != std::string::npos; }
-
-  TempDir dir;
-  std::string text;
 };
 
 TEST_F(CompareTest, ThePlantedDifferenceIsTheFirstBadLayer) {

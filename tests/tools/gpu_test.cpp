@@ -1,13 +1,12 @@
 // The program on a machine with GPUs, which the rig makes of PoCL.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/temp_dir.h"
 #include "tests/support/test_net.h"
+#include "tests/tools/tool_test.h"
 #include "tools/common/npy.h"
 
 namespace corvalith::testing {
@@ -16,25 +15,17 @@ namespace {
 constexpr const char* kRig = "LD_LIBRARY_PATH=" CORVALITH_RIG_FOLDER " ";
 constexpr const char* kTestProgram = " --program-file " CORVALITH_TEST_PROGRAM_FILE;
 
-class ToolOnGpuTest : public ::testing::Test {
+class ToolOnGpuTest : public ToolTest {
  protected:
   int run(const std::string& arguments, const std::string& environment = kRig) {
-    const std::string log = dir.file("log");
-    const int status = std::system((environment + CORVALITH_PROGRAM " " + arguments + " >" + log + " 2>&1").c_str());
-    std::ifstream file(log);
-    text.assign(std::istreambuf_iterator<char>(file), {});
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return ToolTest::run(arguments, environment);
   }
-  bool says(const std::string& part) const { return text.find(part) != std::string::npos; }
   std::string model() { return dir.write("net.cvm", tools::modelBytes("net", {inputLayer("in", {1, 1, 1, 3})})); }
   std::string input() {
     std::string error;
     EXPECT_TRUE(tools::writeNpy(dir.file("in.npy"), {{1, 1, 1, 3}, {2049, -0.5f, 70000}}, error)) << error;
     return dir.file("in.npy");
   }
-
-  TempDir dir;
-  std::string text;
 };
 
 TEST_F(ToolOnGpuTest, ListsWhatTheEngineCounts) {

@@ -1,27 +1,15 @@
 // The program from outside: exit status, messages and files.
-#include <gtest/gtest.h>
-
 #include <nlohmann/json.hpp>
 
-#include "tests/support/temp_dir.h"
 #include "tests/tools/converted.h"
+#include "tests/tools/tool_test.h"
 #include "tools/common/npy.h"
 
 namespace corvalith::testing {
 namespace {
 
-class ProgramTest : public ::testing::Test {
+class ProgramTest : public ToolTest {
  protected:
-  /// Runs the program; what it wrote to both streams is in `text`.
-  int run(const std::string& arguments) {
-    const std::string log = dir.file("log");
-    const int status = std::system((std::string(CORVALITH_PROGRAM) + " " + arguments + " >" + log + " 2>&1").c_str());
-    std::ifstream file(log);
-    text.assign(std::istreambuf_iterator<char>(file), {});
-    return WEXITSTATUS(status);
-  }
-  bool says(const std::string& part) const { return text.find(part) != std::string::npos; }
-
   /// y = 2 x + 1 over six values, as an ONNX file.
   std::string network() {
     OnnxModel model(12);
@@ -30,9 +18,6 @@ class ProgramTest : public ::testing::Test {
     const std::string bytes = model.bytes();
     return dir.write("net.onnx", {bytes.begin(), bytes.end()});
   }
-
-  TempDir dir;
-  std::string text;
 };
 
 TEST_F(ProgramTest, ConvertsInspectsRunsAndTimesAModel) {
