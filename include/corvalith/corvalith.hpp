@@ -54,7 +54,6 @@ class Network {
     bool operator==(const Shape& o) const {
       return batch == o.batch && channel == o.channel && height == o.height && width == o.width;
     }
-    bool operator!=(const Shape& o) const { return !(*this == o); }
   };
 
   /// Loads a model for one slot on the CPU.
@@ -69,7 +68,7 @@ class Network {
       dataTypes.push_back(slot.dataType);
       ids.push_back(slot.deviceId);
     }
-    if (slots.empty()) throw Error("corvalith: a network needs a slot");
+    require(!slots.empty(), "build an agent without a slot for", modelPath);
     agent_.reset(CorvalithBuildAgent(devices.data(), dataTypes.data(), ids.data(), static_cast<int>(slots.size())));
     require(agent_ != nullptr, "build an agent", modelPath);
     require(CorvalithBuildModel(handle(), modelPath.c_str()) == 0, "load", modelPath);
@@ -83,23 +82,21 @@ class Network {
     return s;
   }
 
-  /// The largest size that will be fed, so that nothing is allocated again later. Without effect once initialised.
+  /// The largest size that will be fed, so that nothing is reallocated later. Without effect once initialised.
   void setMaxInputShape(const std::string& layer, const Shape& s, int slot = 0) {
     require(CorvalithSetMaxInputSize(handle(), s.batch, s.channel, s.height, s.width, layer.c_str(), slot) == 0,
             "set the largest size of the input", layer);
   }
 
-  /// Lets every layer choose its implementation and allocate. The first setInput() or run() does it where the caller
-  /// has not; outputs, their shapes and dumps need it done. Harmless when repeated, unless it failed.
+  /// Allocates. The first setInput() or run() does it where the caller has not; outputs and dumps need it done.
   void initialize() {
     if (initialized_ && agent_ != nullptr) return;
     require(CorvalithInitialize(handle()) == 0, "initialize", "the network");
     initialized_ = true;
   }
 
-  /// Gives an input's floats, shape.elements() of them. Another size than before reshapes the network at its next run.
-  /// A CPU slot copies at once. A GPU slot reads later: the floats must stay, unchanged, until an output of that run
-  /// has been read or the Network is gone.
+  /// Gives an input's floats; another size than before reshapes the network at its next run. A CPU slot copies at once.
+  /// A GPU slot reads later: they must stay, unchanged, until an output of that run was read or the Network is gone.
   void setInput(const std::string& layer, const float* data, const Shape& s, int slot = 0) {
     initialize();
     require(CorvalithSetNetInput(handle(), const_cast<float*>(data), s.batch, s.channel, s.height, s.width,
@@ -120,8 +117,7 @@ class Network {
     require(CorvalithExecuteNet(handle()) == 0, "run", "the network");
   }
 
-  /// Shape of output(): after another input size the new one once the network has run. An output without elements, as
-  /// a detector that keeps nothing starts with, throws.
+  /// Of the last run, before it of the initialisation. Throws where the output has no elements yet.
   Shape outputShape(int slot = 0) const {
     Shape s{};
     require(CorvalithGetNetOutputSize(handle(), &s.batch, &s.channel, &s.height, &s.width, slot) == 0,
