@@ -131,8 +131,6 @@ std::vector<Row> layerRows() {
       {"InputData", E, "InputDataLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
       {"InputData", E, "input data Layer inputdata_ not exit in setInput", onClass(inputTooEarly)},
       {"InputData", E, "InputDataCPUImpl memcpy size must be bigger than 0", onClass(implOnEmptyInput)},
-      {"InputData, Data", E, "Context type cast failed!", because(kNoGpu)},
-      {"InputData, Data", E, "InputDataLayer write buffer failed!", because(kNoGpu)},
 
       {"Data", E, "Error: Unmatched data layer's basic parameter", publicly(shortRecord)},
       {"Data", E, "Error: Unmatched data layer's special parameter", publicly(wrongSpecial)},
@@ -148,9 +146,6 @@ std::vector<Row> layerRows() {
       {"Data", E, "dataLayer reshape fail", publicly(resized(valid("Data"), {1, 3, 1, 4}))},
       {"Data", E, "dataLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
       {"Data", E, "data Layer inputdata_ not exit in setInput", onClass(inputTooEarly)},
-      {"DataGPUImpl", E, "set kernel failed", because(kNoGpu)},
-      {"DataGPUImpl", E, "DataGPUImpl mean buffer create fail", because(kNoGpu)},
-      {"DataGPUImpl", E, "data 2 device failed", because(kNoGpu)},
 
       // ---- Layers with weights
       {"Conv", E, "Unmatched convolution layer's basic parameter", publicly(shortRecord)},

@@ -52,11 +52,12 @@ struct Row {
   int times = 1;  // how often the scenario logs it at least: more where several places have one text
 };
 
-constexpr const char* kNoGpu = "only a GPU device or one of its implementations logs it, and this build drives no GPU";
+constexpr const char* kNoGpu = "only a GPU implementation logs it that is not there yet";
 
 /// The parts of the table.
 std::vector<Row> publicRows();  // the exported functions and the agent
 std::vector<Row> coreRows();    // blocks, devices, the model image and the network
 std::vector<Row> layerRows();   // layer types and implementations
+std::vector<Row> gpuRows();     // GPU devices and implementations; none where the tests have no GPU
 
 }  // namespace corvalith::testing
