@@ -3,7 +3,7 @@
 
 #include <dlfcn.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,6 +43,13 @@ void writeLaunchLog() {
   for (const std::string& name : state().launched) log << name << '\n';
 }
 
+/// Others may be in a call just now.
+template <class Record>
+Record copyOf(const Record& record) {
+  const std::lock_guard<std::recursive_mutex> lock(state().mutex);
+  return record;
+}
+
 template <class Map>
 void describe(std::string& text, const char* what, const Map& objects) {
   if (objects.empty()) return;
@@ -72,6 +79,18 @@ void* realFunction(const char* name) {
   return function;
 }
 
+std::vector<unsigned char> guardBytes(const Buffer& buffer) {
+  std::vector<unsigned char> bytes(buffer.guard);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    // 16-bit units 0x7F81 to 0x7FFF, which are NaN as halves, and as the upper parts of floats.
+    const size_t at = buffer.size + i;
+    const uint32_t mixed =
+        static_cast<uint32_t>(buffer.serial) * 0x9E3779B1u ^ static_cast<uint32_t>(at / 2) * 0x85EBCA77u;
+    bytes[i] = at % 2 != 0 ? 0x7F : static_cast<unsigned char>(0x81 + (mixed >> 16) % 0x7F);
+  }
+  return bytes;
+}
+
 void checkGuard(cl_mem mem, const Buffer& buffer) {
   if (buffer.guard == 0) return;
   std::vector<unsigned char> tail(buffer.guard);
@@ -85,7 +104,7 @@ void checkGuard(cl_mem mem, const Buffer& buffer) {
   }
   if (queue == nullptr) return;  // it was checked when its queue was released
   if (read(queue, mem, CL_TRUE, buffer.size, buffer.guard, tail.data(), 0, nullptr, nullptr) != CL_SUCCESS) return;
-  if (std::all_of(tail.begin(), tail.end(), [](unsigned char byte) { return byte == 0xFF; })) return;
+  if (tail == guardBytes(buffer)) return;
   state().faults.push_back("write behind the end of a buffer of " + std::to_string(buffer.size) + " bytes");
 }
 
@@ -106,13 +125,14 @@ VISIBLE void failCall(const std::string& function, int n, int status, bool alway
   state().rules.push_back({function, n, status, always});
 }
 
-VISIBLE std::map<std::string, int> calls() { return state().calls; }
-VISIBLE std::vector<std::string> trace() { return state().trace; }
-VISIBLE std::vector<std::string> launches() { return state().launches; }
-VISIBLE std::set<std::string> launchedKernels() { return state().launched; }
+VISIBLE std::map<std::string, int> calls() { return copyOf(state().calls); }
+VISIBLE std::vector<std::string> trace() { return copyOf(state().trace); }
+VISIBLE std::vector<std::string> launches() { return copyOf(state().launches); }
+VISIBLE std::set<std::string> launchedKernels() { return copyOf(state().launched); }
 
 VISIBLE std::string live() {
-  const State& s = state();
+  State& s = state();
+  const std::lock_guard<std::recursive_mutex> lock(s.mutex);
   std::string text;
   describe(text, "context", s.contexts);
   describe(text, "queue", s.queues);

@@ -13,10 +13,10 @@
 namespace corvalith::rig {
 
 struct Settings {
-  /// The devices that there are, all on the driver's first device: each looks like a GPU of that name.
+  /// The devices that there are (four at most), all on the driver's first device: each looks like a GPU of that name.
   std::vector<std::string> names = {"Mali-G76"};
   bool half = true;         // whether they announce cl_khr_fp16
-  int emptyPlatforms = 0;   // platforms without a device, in front
+  int emptyPlatforms = 0;   // platforms without a device, in front; four at most
   bool noPlatform = false;  // the loader finds no driver at all
   bool poison = true;       // fresh buffers hold NaN
   size_t guard = 64;        // bytes behind every buffer that must stay as they are
@@ -52,11 +52,12 @@ std::vector<std::string> launches();
 std::string live();
 
 /// What was done wrong since the last reset: uses of released objects, writes behind a buffer, local sizes that do not
-/// divide, launches with missing arguments. Looks at the guards of all live buffers.
+/// divide, launches with missing arguments, and commands and arguments that the driver refused. Looks at the guards of
+/// all live buffers.
 std::vector<std::string> faults();
 
-/// Names of all kernels that were ever launched in this process. At exit they are written to the file that
-/// RIG_LAUNCH_LOG names.
+/// Names of all kernels whose launch the driver ever accepted in this process. At exit they are written to the file
+/// that RIG_LAUNCH_LOG names.
 std::set<std::string> launchedKernels();
 
 }  // namespace corvalith::rig

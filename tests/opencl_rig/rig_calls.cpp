@@ -19,6 +19,15 @@
     return nullptr;                                                     \
   }
 
+// Returns when the object, of that map of the state, is not there: drivers look into it and may crash.
+#define NEED(objects, handle, otherwise) \
+  if (!isThere(state().objects, handle, #objects, __func__)) return otherwise
+#define NEED_CREATE(objects, handle, otherwise, status)        \
+  if (!isThere(state().objects, handle, #objects, __func__)) { \
+    if ((status) != nullptr) *(status) = otherwise;            \
+    return nullptr;                                            \
+  }
+
 namespace corvalith::rig {
 namespace {
 
@@ -40,12 +49,24 @@ cl_int fault(const std::string& text, cl_int status) {
   return status;
 }
 
+template <class Map, class Handle>
+bool isThere(const Map& objects, Handle handle, const char* what, const char* function) {
+  if (objects.count(handle) != 0) return true;
+  fault(std::string(function) + ": not one of the live " + what, 0);
+  return false;
+}
+
+/// Of what the rig let pass a driver should refuse nothing.
+cl_int driverSays(cl_int status, const std::string& what) {
+  return status == CL_SUCCESS ? status : fault(what + " refused by the driver: " + std::to_string(status), status);
+}
+
 void note(const std::string& line) { state().trace.push_back(line); }
 
 Device* asDevice(cl_device_id id) {
   Device* const first = state().devices;
   auto* const device = reinterpret_cast<Device*>(id);
-  return device >= first && device < first + 4 ? device : nullptr;
+  return device >= first && device < first + kMaxDevices ? device : nullptr;
 }
 
 cl_device_id realDevice(cl_device_id id) {
@@ -60,11 +81,11 @@ std::vector<cl_device_id> realDevices(cl_uint count, const cl_device_id* ids) {
 }
 
 // Empty platforms have addresses of their own.
-char emptyPlatforms[4];
+char emptyPlatforms[kMaxDevices];
 
 bool isEmpty(cl_platform_id platform) {
   auto* const place = reinterpret_cast<char*>(platform);
-  return place >= emptyPlatforms && place < emptyPlatforms + 4;
+  return place >= emptyPlatforms && place < emptyPlatforms + kMaxDevices;
 }
 
 cl_platform_id realPlatform() {
@@ -73,12 +94,16 @@ cl_platform_id realPlatform() {
   return platform;
 }
 
-cl_int give(const std::string& text, size_t size, void* value, size_t* needed) {
-  if (needed != nullptr) *needed = text.size() + 1;
+cl_int give(const void* from, size_t bytes, size_t size, void* value, size_t* needed) {
+  if (needed != nullptr) *needed = bytes;
   if (value == nullptr) return CL_SUCCESS;
-  if (size < text.size() + 1) return CL_INVALID_VALUE;
-  std::memcpy(value, text.c_str(), text.size() + 1);
+  if (size < bytes) return CL_INVALID_VALUE;
+  std::memcpy(value, from, bytes);
   return CL_SUCCESS;
+}
+
+cl_int give(const std::string& text, size_t size, void* value, size_t* needed) {
+  return give(text.c_str(), text.size() + 1, size, value, needed);
 }
 
 template <class Handle>
@@ -104,12 +129,14 @@ cl_command_queue queueOf(cl_context context, bool& isOwn) {
 
 /// NaN in every element, of floats as of halves, and the guard behind.
 void fillFresh(cl_mem mem, const Buffer& buffer) {
-  const size_t from = state().settings.poison ? 0 : buffer.size, bytes = buffer.size + buffer.guard - from;
-  if (bytes == 0) return;
-  const std::vector<unsigned char> ones(bytes, 0xFF);
+  const size_t poisoned = state().settings.poison ? buffer.size : 0, from = buffer.size - poisoned;
+  std::vector<unsigned char> content(poisoned, 0xFF);
+  const std::vector<unsigned char> guard = guardBytes(buffer);
+  content.insert(content.end(), guard.begin(), guard.end());
+  if (content.empty()) return;
   bool isOwn = false;
   const cl_command_queue queue = queueOf(buffer.context, isOwn);
-  REAL(clEnqueueWriteBuffer)(queue, mem, CL_TRUE, from, bytes, ones.data(), 0, nullptr, nullptr);
+  REAL(clEnqueueWriteBuffer)(queue, mem, CL_TRUE, from, content.size(), content.data(), 0, nullptr, nullptr);
   if (isOwn) REAL(clReleaseCommandQueue)(queue);
 }
 
@@ -192,7 +219,8 @@ EXPORT cl_int clGetPlatformIDs(cl_uint count, cl_platform_id* platforms, cl_uint
   const Settings& wanted = state().settings;
   if (wanted.noPlatform) return -1001;
   std::vector<cl_platform_id> all;
-  for (int i = 0; i < wanted.emptyPlatforms; ++i) all.push_back(reinterpret_cast<cl_platform_id>(emptyPlatforms + i));
+  const size_t empty = std::min<size_t>(wanted.emptyPlatforms, kMaxDevices);
+  for (size_t i = 0; i < empty; ++i) all.push_back(reinterpret_cast<cl_platform_id>(emptyPlatforms + i));
   if (const cl_platform_id real = realPlatform(); real != nullptr) all.push_back(real);
   if (available != nullptr) *available = static_cast<cl_uint>(all.size());
   if (platforms != nullptr) std::copy_n(all.begin(), std::min<size_t>(count, all.size()), platforms);
@@ -210,7 +238,8 @@ EXPORT cl_int clGetDeviceIDs(cl_platform_id platform, cl_device_type type, cl_ui
                              cl_uint* available) {
   ENTER(clGetDeviceIDs);
   State& s = state();
-  const size_t there = isEmpty(platform) || (type & CL_DEVICE_TYPE_GPU) == 0 ? 0 : s.settings.names.size();
+  const size_t there =
+      isEmpty(platform) || (type & CL_DEVICE_TYPE_GPU) == 0 ? 0 : std::min(s.settings.names.size(), kMaxDevices);
   if (there == 0) return CL_DEVICE_NOT_FOUND;  // and leaves the count alone, as drivers do
   cl_device_id real = nullptr;
   const cl_int status = REAL(clGetDeviceIDs)(platform, CL_DEVICE_TYPE_ALL, 1, &real, nullptr);
@@ -229,6 +258,10 @@ EXPORT cl_int clGetDeviceInfo(cl_device_id id, cl_device_info what, size_t size,
   const Device* const device = asDevice(id);
   if (device == nullptr) return fault("clGetDeviceInfo of an unknown device", CL_INVALID_DEVICE);
   if (what == CL_DEVICE_NAME) return give(wanted.names.at(device->index), size, value, needed);
+  if (what == CL_DEVICE_TYPE) {
+    constexpr cl_device_type kType = CL_DEVICE_TYPE_GPU;
+    return give(&kType, sizeof kType, size, value, needed);
+  }
   if (what == CL_DEVICE_EXTENSIONS) {
     return give(std::string("cl_khr_byte_addressable_store") + (wanted.half ? " cl_khr_fp16" : ""), size, value,
                 needed);
@@ -259,6 +292,7 @@ EXPORT cl_int clReleaseContext(cl_context context) {
 EXPORT cl_command_queue clCreateCommandQueue(cl_context context, cl_device_id device,
                                              cl_command_queue_properties properties, cl_int* status) {
   ENTER_CREATE(clCreateCommandQueue, status);
+  NEED_CREATE(contexts, context, CL_INVALID_CONTEXT, status);
   const cl_command_queue made = REAL(clCreateCommandQueue)(context, realDevice(device), properties, status);
   if (made != nullptr) state().queues.emplace(made, Counted{1, context});
   return made;
@@ -278,6 +312,7 @@ EXPORT cl_program clCreateProgramWithBinary(cl_context context, cl_uint count, c
                                             const size_t* lengths, const unsigned char** binaries, cl_int* binaryStatus,
                                             cl_int* status) {
   ENTER_CREATE(clCreateProgramWithBinary, status);
+  NEED_CREATE(contexts, context, CL_INVALID_CONTEXT, status);
   const auto real = realDevices(count, devices);
   const cl_program made =
       REAL(clCreateProgramWithBinary)(context, count, real.data(), lengths, binaries, binaryStatus, status);
@@ -288,6 +323,7 @@ EXPORT cl_program clCreateProgramWithBinary(cl_context context, cl_uint count, c
 EXPORT cl_program clCreateProgramWithSource(cl_context context, cl_uint count, const char** strings,
                                             const size_t* lengths, cl_int* status) {
   ENTER_CREATE(clCreateProgramWithSource, status);
+  NEED_CREATE(contexts, context, CL_INVALID_CONTEXT, status);
   const cl_program made = REAL(clCreateProgramWithSource)(context, count, strings, lengths, status);
   if (made != nullptr) state().programs.emplace(made, Counted{});
   return made;
@@ -296,6 +332,7 @@ EXPORT cl_program clCreateProgramWithSource(cl_context context, cl_uint count, c
 EXPORT cl_int clBuildProgram(cl_program program, cl_uint count, const cl_device_id* devices, const char* options,
                              void(CL_CALLBACK* notify)(cl_program, void*), void* user) {
   ENTER(clBuildProgram);
+  NEED(programs, program, CL_INVALID_PROGRAM);
   note(std::string("build ") + (options != nullptr ? options : ""));
   const auto real = realDevices(count, devices);
   return REAL(clBuildProgram)(program, count, real.data(), options, notify, user);
@@ -303,12 +340,14 @@ EXPORT cl_int clBuildProgram(cl_program program, cl_uint count, const cl_device_
 
 EXPORT cl_int clGetProgramInfo(cl_program program, cl_program_info what, size_t size, void* value, size_t* needed) {
   ENTER(clGetProgramInfo);
+  NEED(programs, program, CL_INVALID_PROGRAM);
   return REAL(clGetProgramInfo)(program, what, size, value, needed);
 }
 
 EXPORT cl_int clGetProgramBuildInfo(cl_program program, cl_device_id device, cl_program_build_info what, size_t size,
                                     void* value, size_t* needed) {
   ENTER(clGetProgramBuildInfo);
+  NEED(programs, program, CL_INVALID_PROGRAM);
   return REAL(clGetProgramBuildInfo)(program, realDevice(device), what, size, value, needed);
 }
 
@@ -333,6 +372,7 @@ static void keepKernel(cl_kernel kernel) {
 
 EXPORT cl_kernel clCreateKernel(cl_program program, const char* name, cl_int* status) {
   ENTER_CREATE(clCreateKernel, status);
+  NEED_CREATE(programs, program, CL_INVALID_PROGRAM, status);
   const cl_kernel made = REAL(clCreateKernel)(program, name, status);
   if (made != nullptr) keepKernel(made);
   return made;
@@ -340,6 +380,7 @@ EXPORT cl_kernel clCreateKernel(cl_program program, const char* name, cl_int* st
 
 EXPORT cl_int clCreateKernelsInProgram(cl_program program, cl_uint count, cl_kernel* kernels, cl_uint* available) {
   ENTER(clCreateKernelsInProgram);
+  NEED(programs, program, CL_INVALID_PROGRAM);
   cl_uint made = 0;
   const cl_int status = REAL(clCreateKernelsInProgram)(program, count, kernels, &made);
   if (status == CL_SUCCESS && kernels != nullptr) std::for_each_n(kernels, made, keepKernel);
@@ -357,12 +398,14 @@ EXPORT cl_int clReleaseKernel(cl_kernel kernel) {
 
 EXPORT cl_int clGetKernelInfo(cl_kernel kernel, cl_kernel_info what, size_t size, void* value, size_t* needed) {
   ENTER(clGetKernelInfo);
+  NEED(kernels, kernel, CL_INVALID_KERNEL);
   return REAL(clGetKernelInfo)(kernel, what, size, value, needed);
 }
 
 EXPORT cl_int clGetKernelWorkGroupInfo(cl_kernel kernel, cl_device_id device, cl_kernel_work_group_info what,
                                        size_t size, void* value, size_t* needed) {
   ENTER(clGetKernelWorkGroupInfo);
+  NEED(kernels, kernel, CL_INVALID_KERNEL);
   return REAL(clGetKernelWorkGroupInfo)(kernel, realDevice(device), what, size, value, needed);
 }
 
@@ -371,8 +414,10 @@ EXPORT cl_int clSetKernelArg(cl_kernel kernel, cl_uint index, size_t size, const
   const auto found = state().kernels.find(kernel);
   if (found == state().kernels.end()) return fault("argument of a kernel that is not there", CL_INVALID_KERNEL);
   Argument argument;
-  argument.bytes.assign(static_cast<const unsigned char*>(value), static_cast<const unsigned char*>(value) + size);
-  if (size == sizeof(cl_mem)) {
+  if (value != nullptr) {  // null for local memory
+    argument.bytes.assign(static_cast<const unsigned char*>(value), static_cast<const unsigned char*>(value) + size);
+  }
+  if (value != nullptr && size == sizeof(cl_mem)) {
     cl_mem mem = nullptr;
     std::memcpy(&mem, value, sizeof mem);
     const auto buffer = state().buffers.find(mem);
@@ -381,7 +426,8 @@ EXPORT cl_int clSetKernelArg(cl_kernel kernel, cl_uint index, size_t size, const
     }
     argument.buffer = buffer->second.serial;
   }
-  const cl_int status = REAL(clSetKernelArg)(kernel, index, size, value);
+  const cl_int status = driverSays(REAL(clSetKernelArg)(kernel, index, size, value),
+                                   "argument " + std::to_string(index) + " of " + found->second.name);
   if (status == CL_SUCCESS) found->second.arguments[index] = argument;
   return status;
 }
@@ -390,6 +436,7 @@ EXPORT cl_int clEnqueueNDRangeKernel(cl_command_queue queue, cl_kernel kernel, c
                                      const size_t* global, const size_t* local, cl_uint waits, const cl_event* waitList,
                                      cl_event* event) {
   ENTER(clEnqueueNDRangeKernel);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   State& s = state();
   const auto found = s.kernels.find(kernel);
   if (found == s.kernels.end()) return fault("launch of a kernel that is not there", CL_INVALID_KERNEL);
@@ -398,9 +445,9 @@ EXPORT cl_int clEnqueueNDRangeKernel(cl_command_queue queue, cl_kernel kernel, c
   for (const auto& [index, argument] : found->second.arguments) line += " " + argumentText(argument);
   note(line);
   s.launches.push_back(line);
-  s.launched.insert(found->second.name);
-  const cl_int status =
-      REAL(clEnqueueNDRangeKernel)(queue, kernel, dimensions, offset, global, local, waits, waitList, event);
+  const cl_int status = driverSays(
+      REAL(clEnqueueNDRangeKernel)(queue, kernel, dimensions, offset, global, local, waits, waitList, event), line);
+  if (status == CL_SUCCESS) s.launched.insert(found->second.name);
   keepEvent(status, event);
   return status;
 }
@@ -409,12 +456,18 @@ EXPORT cl_int clEnqueueNDRangeKernel(cl_command_queue queue, cl_kernel kernel, c
 
 EXPORT cl_mem clCreateBuffer(cl_context context, cl_mem_flags flags, size_t size, void* host, cl_int* status) {
   ENTER_CREATE(clCreateBuffer, status);
+  NEED_CREATE(contexts, context, CL_INVALID_CONTEXT, status);
   State& s = state();
   note("create " + std::to_string(size));
-  const Buffer buffer{size, size > 0 ? s.settings.guard : 0, context, s.nextSerial++};
+  if (size == 0) {  // an answer that callers count on, so no fault
+    if (status != nullptr) *status = CL_INVALID_BUFFER_SIZE;
+    return nullptr;
+  }
+  const bool isFresh = (flags & (CL_MEM_USE_HOST_PTR | CL_MEM_COPY_HOST_PTR)) == 0;
+  const Buffer buffer{size, isFresh ? s.settings.guard : 0, context, s.nextSerial++};
   const cl_mem made = REAL(clCreateBuffer)(context, flags, size + buffer.guard, host, status);
   if (made == nullptr) return nullptr;
-  fillFresh(made, buffer);
+  if (isFresh) fillFresh(made, buffer);
   s.buffers[made] = buffer;
   return made;
 }
@@ -434,8 +487,10 @@ EXPORT cl_int clReleaseMemObject(cl_mem mem) {
 EXPORT cl_int clEnqueueReadBuffer(cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t bytes,
                                   void* to, cl_uint waits, const cl_event* waitList, cl_event* event) {
   ENTER(clEnqueueReadBuffer);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   if (bufferAt(mem, offset, bytes, "read") == nullptr) return CL_INVALID_VALUE;
-  const cl_int status = REAL(clEnqueueReadBuffer)(queue, mem, blocking, offset, bytes, to, waits, waitList, event);
+  const cl_int status =
+      driverSays(REAL(clEnqueueReadBuffer)(queue, mem, blocking, offset, bytes, to, waits, waitList, event), "read");
   keepEvent(status, event);
   return status;
 }
@@ -443,10 +498,12 @@ EXPORT cl_int clEnqueueReadBuffer(cl_command_queue queue, cl_mem mem, cl_bool bl
 EXPORT cl_int clEnqueueWriteBuffer(cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t bytes,
                                    const void* from, cl_uint waits, const cl_event* waitList, cl_event* event) {
   ENTER(clEnqueueWriteBuffer);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   const Buffer* const buffer = bufferAt(mem, offset, bytes, "write");
   if (buffer == nullptr) return CL_INVALID_VALUE;
   note("write " + range(offset, bytes) + " to " + std::to_string(buffer->size) + (blocking ? ", blocking" : ""));
-  const cl_int status = REAL(clEnqueueWriteBuffer)(queue, mem, blocking, offset, bytes, from, waits, waitList, event);
+  const cl_int status = driverSays(
+      REAL(clEnqueueWriteBuffer)(queue, mem, blocking, offset, bytes, from, waits, waitList, event), "write");
   keepEvent(status, event);
   return status;
 }
@@ -454,12 +511,14 @@ EXPORT cl_int clEnqueueWriteBuffer(cl_command_queue queue, cl_mem mem, cl_bool b
 EXPORT cl_int clEnqueueCopyBuffer(cl_command_queue queue, cl_mem from, cl_mem to, size_t fromOffset, size_t toOffset,
                                   size_t bytes, cl_uint waits, const cl_event* waitList, cl_event* event) {
   ENTER(clEnqueueCopyBuffer);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   const Buffer* const source = bufferAt(from, fromOffset, bytes, "copy");
   const Buffer* const target = bufferAt(to, toOffset, bytes, "copy");
   if (source == nullptr || target == nullptr) return CL_INVALID_VALUE;
   note("copy " + range(fromOffset, bytes) + " to " + std::to_string(toOffset) + " from " +
        std::to_string(source->size) + " in " + std::to_string(target->size));
-  const cl_int status = REAL(clEnqueueCopyBuffer)(queue, from, to, fromOffset, toOffset, bytes, waits, waitList, event);
+  const cl_int status = driverSays(
+      REAL(clEnqueueCopyBuffer)(queue, from, to, fromOffset, toOffset, bytes, waits, waitList, event), "copy");
   keepEvent(status, event);
   return status;
 }
@@ -468,6 +527,7 @@ EXPORT void* clEnqueueMapBuffer(cl_command_queue queue, cl_mem mem, cl_bool bloc
                                 size_t bytes, cl_uint waits, const cl_event* waitList, cl_event* event,
                                 cl_int* status) {
   ENTER_CREATE(clEnqueueMapBuffer, status);
+  NEED_CREATE(queues, queue, CL_INVALID_COMMAND_QUEUE, status);
   const Buffer* const buffer = bufferAt(mem, offset, bytes, "map");
   if (buffer == nullptr) {
     if (status != nullptr) *status = CL_INVALID_VALUE;
@@ -478,7 +538,7 @@ EXPORT void* clEnqueueMapBuffer(cl_command_queue queue, cl_mem mem, cl_bool bloc
       REAL(clEnqueueMapBuffer)(queue, mem, blocking, flags, offset, bytes, waits, waitList, event, status);
   if (mapped == nullptr) return nullptr;
   keepEvent(CL_SUCCESS, event);
-  state().mapped[mapped] = mem;
+  state().mapped.emplace(mapped, mem);
   return mapped;
 }
 
@@ -487,10 +547,11 @@ EXPORT cl_int clEnqueueUnmapMemObject(cl_command_queue queue, cl_mem mem, void* 
   const std::lock_guard<std::recursive_mutex> lock(state().mutex);
   State& s = state();
   const cl_int ordered = enter("clEnqueueUnmapMemObject");
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   const auto found = s.mapped.find(mapped);
   if (found == s.mapped.end() || found->second != mem) return fault("unmap of what is not mapped", CL_INVALID_VALUE);
   s.mapped.erase(found);
-  const cl_int status = REAL(clEnqueueUnmapMemObject)(queue, mem, mapped, waits, waitList, event);
+  const cl_int status = driverSays(REAL(clEnqueueUnmapMemObject)(queue, mem, mapped, waits, waitList, event), "unmap");
   keepEvent(status, event);
   return ordered != CL_SUCCESS ? ordered : status;
 }
@@ -499,22 +560,26 @@ EXPORT cl_int clEnqueueUnmapMemObject(cl_command_queue queue, cl_mem mem, void* 
 
 EXPORT cl_int clFlush(cl_command_queue queue) {
   ENTER(clFlush);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   return REAL(clFlush)(queue);
 }
 
 EXPORT cl_int clFinish(cl_command_queue queue) {
   ENTER(clFinish);
+  NEED(queues, queue, CL_INVALID_COMMAND_QUEUE);
   return REAL(clFinish)(queue);
 }
 
 EXPORT cl_int clWaitForEvents(cl_uint count, const cl_event* events) {
   ENTER(clWaitForEvents);
+  for (cl_uint i = 0; i < count; ++i) NEED(events, events[i], CL_INVALID_EVENT);
   return REAL(clWaitForEvents)(count, events);
 }
 
 EXPORT cl_int clGetEventProfilingInfo(cl_event event, cl_profiling_info what, size_t size, void* value,
                                       size_t* needed) {
   ENTER(clGetEventProfilingInfo);
+  NEED(events, event, CL_INVALID_EVENT);
   return REAL(clGetEventProfilingInfo)(event, what, size, value, needed);
 }
 

@@ -46,6 +46,8 @@ struct Device {
   size_t index = 0;
 };
 
+constexpr size_t kMaxDevices = 4;
+
 /// A driver object that is only counted, with its context for queues.
 struct Counted {
   int references = 1;
@@ -59,7 +61,7 @@ struct State {
   std::map<std::string, int> calls;
   std::vector<std::string> trace, launches, faults;
   std::set<std::string> launched;
-  Device devices[4];
+  Device devices[kMaxDevices];
   int nextSerial = 1;
   std::map<cl_context, Counted> contexts;
   std::map<cl_command_queue, Counted> queues;
@@ -67,7 +69,7 @@ struct State {
   std::map<cl_kernel, Kernel> kernels;
   std::map<cl_mem, Buffer> buffers;
   std::map<cl_event, Counted> events;
-  std::map<void*, cl_mem> mapped;
+  std::multimap<void*, cl_mem> mapped;  // drivers map a buffer to one place as often as they are asked
 };
 
 /// Never destroyed: others' static destructors still release objects.
@@ -75,6 +77,10 @@ State& state();
 
 /// The driver's function of that name; ends the process when it has none.
 void* realFunction(const char* name);
+
+/// The bytes behind a buffer: NaN to whoever reads them, as halves and as floats, but other bytes than the poison and
+/// than those behind other buffers, so that copying too much shows as well.
+std::vector<unsigned char> guardBytes(const Buffer& buffer);
 
 /// Waits for all queues of the context, and reads the buffer's guard. A damaged one is a fault.
 void checkGuard(cl_mem mem, const Buffer& buffer);

@@ -18,6 +18,12 @@ using Lines = std::vector<std::string>;
 constexpr const char* kSource = R"(
 __kernel void fill(__global float* out, int count, float value) {
   if (get_global_id(0) < count) out[get_global_id(0)] = value;
+}
+__kernel void copyFours(__global const float* in, __global float* out) {
+  vstore4(vload4(get_global_id(0), in), get_global_id(0), out);
+}
+__kernel void copyEightHalves(__global const half* in, __global half* out) {
+  vstore_half8(vload_half8(get_global_id(0), in), get_global_id(0), out);
 })";
 
 /// A queue with a kernel that writes as far as it is told.
@@ -89,6 +95,89 @@ TEST_F(RigSelfTest, FreshBuffersHoldNaN) {
 TEST_F(RigSelfTest, SeesAWriteBehindTheEnd) {
   ASSERT_EQ(fill(11), CL_SUCCESS);
   EXPECT_EQ(faults(), Lines{"write behind the end of a buffer of 40 bytes"});
+}
+
+// What is copied is the source's own poison or guard, which must not pass for the target's guard.
+TEST_F(RigSelfTest, SeesACopyBehindTheEnd) {
+  for (const char* name : {"copyFours", "copyEightHalves"}) {
+    reset();
+    const size_t items = 3;  // 48 bytes
+    for (const size_t sourceBytes : {40, 80}) {
+      const cl_mem source = clCreateBuffer(context_, CL_MEM_READ_WRITE, sourceBytes, nullptr, nullptr);
+      const cl_mem target = clCreateBuffer(context_, CL_MEM_READ_WRITE, 40, nullptr, nullptr);
+      const cl_kernel copy = clCreateKernel(program_, name, nullptr);
+      clSetKernelArg(copy, 0, sizeof source, &source);
+      clSetKernelArg(copy, 1, sizeof target, &target);
+      EXPECT_EQ(clEnqueueNDRangeKernel(queue_, copy, 1, nullptr, &items, nullptr, 0, nullptr, nullptr), CL_SUCCESS);
+      clReleaseKernel(copy);
+      clReleaseMemObject(source);
+      clReleaseMemObject(target);
+    }
+    EXPECT_EQ(faults(), Lines(2, "write behind the end of a buffer of 40 bytes")) << name;
+  }
+}
+
+TEST_F(RigSelfTest, TellsWhatTheDriverRefused) {
+  const size_t tooLarge = 1 << 20;
+  EXPECT_NE(clSetKernelArg(kernel_, 1, 1, "x"), CL_SUCCESS) << "an argument of another size";
+  cl_int status = CL_SUCCESS;
+  const cl_kernel copy = clCreateKernel(program_, "copyFours", &status);
+  clSetKernelArg(copy, 0, sizeof buffer_, &buffer_);
+  clSetKernelArg(copy, 1, sizeof buffer_, &buffer_);
+  const std::set<std::string> before = launchedKernels();
+  EXPECT_NE(clEnqueueNDRangeKernel(queue_, copy, 1, nullptr, &tooLarge, &tooLarge, 0, nullptr, nullptr), CL_SUCCESS);
+  EXPECT_EQ(launchedKernels(), before) << "nothing was launched";
+  EXPECT_EQ(faults().size(), 2u);
+  EXPECT_EQ(clCreateBuffer(context_, CL_MEM_READ_WRITE, 0, nullptr, &status), nullptr);
+  EXPECT_EQ(status, CL_INVALID_BUFFER_SIZE);
+  EXPECT_EQ(faults().size(), 2u) << "callers may count on the answer";
+  clReleaseKernel(copy);
+}
+
+TEST_F(RigSelfTest, DisguisesTheDevices) {
+  const Settings before = settings();
+  settings().names = {"Mali-G72", "Adreno"};
+  settings().half = false;
+  cl_platform_id platform = nullptr;
+  clGetPlatformIDs(1, &platform, nullptr);
+  cl_device_id devices[2] = {};
+  cl_uint count = 0;
+  ASSERT_EQ(clGetDeviceIDs(platform, CL_DEVICE_TYPE_GPU, 2, devices, &count), CL_SUCCESS);
+  ASSERT_EQ(count, 2u);
+  char text[256] = "";
+  clGetDeviceInfo(devices[1], CL_DEVICE_NAME, sizeof text, text, nullptr);
+  EXPECT_STREQ(text, "Adreno");
+  clGetDeviceInfo(devices[1], CL_DEVICE_EXTENSIONS, sizeof text, text, nullptr);
+  EXPECT_EQ(std::strstr(text, "cl_khr_fp16"), nullptr);
+  cl_device_type type = 0;
+  clGetDeviceInfo(devices[0], CL_DEVICE_TYPE, sizeof type, &type, nullptr);
+  EXPECT_EQ(type, static_cast<cl_device_type>(CL_DEVICE_TYPE_GPU));
+  settings().names.clear();
+  EXPECT_EQ(clGetDeviceIDs(platform, CL_DEVICE_TYPE_GPU, 2, devices, &count), CL_DEVICE_NOT_FOUND);
+  settings() = before;
+}
+
+TEST_F(RigSelfTest, RefusesReleasedObjects) {
+  const cl_context context = clCreateContext(nullptr, 1, &device_, nullptr, nullptr, nullptr);
+  const cl_command_queue queue = clCreateCommandQueue(context, device_, 0, nullptr);
+  const char* source = kSource;
+  const cl_program program = clCreateProgramWithSource(context, 1, &source, nullptr, nullptr);
+  cl_event event = nullptr;
+  const float value = 0;
+  clEnqueueWriteBuffer(queue_, buffer_, CL_TRUE, 0, sizeof value, &value, 0, nullptr, &event);
+  clReleaseEvent(event);
+  clReleaseProgram(program);
+  clReleaseCommandQueue(queue);
+  clReleaseContext(context);
+  ASSERT_EQ(faults(), Lines());
+  const size_t global = 8;
+  EXPECT_EQ(clWaitForEvents(1, &event), CL_INVALID_EVENT);
+  EXPECT_EQ(clFinish(queue), CL_INVALID_COMMAND_QUEUE);
+  EXPECT_EQ(clEnqueueNDRangeKernel(queue, kernel_, 1, nullptr, &global, nullptr, 0, nullptr, nullptr),
+            CL_INVALID_COMMAND_QUEUE);
+  EXPECT_EQ(clCreateKernel(program, "fill", nullptr), nullptr);
+  EXPECT_EQ(clCreateBuffer(context, CL_MEM_READ_WRITE, 8, nullptr, nullptr), nullptr);
+  EXPECT_EQ(faults().size(), 5u);
 }
 
 TEST_F(RigSelfTest, RefusesWhatDriversDoNotSurvive) {
