@@ -6,6 +6,11 @@ namespace corvalith {
 namespace {
 
 #ifdef CORVALITH_OPENCL
+constexpr bool kEnabled = true;
+#else
+constexpr bool kEnabled = false;
+#endif
+
 constexpr const char* kLibraries[] = {"libOpenCL.so",
                                       "libOpenCL.so.1",
                                       "/vendor/lib64/libOpenCL.so",
@@ -13,7 +18,6 @@ constexpr const char* kLibraries[] = {"libOpenCL.so",
                                       "/vendor/lib64/egl/libGLES_mali.so",
                                       "/system/vendor/lib64/egl/libGLES_mali.so",
                                       "/system/lib64/libOpenCL.so"};
-#endif
 
 OpenCL driver;  // the library's own functions, for the two that are presented otherwise
 
@@ -58,16 +62,14 @@ bool findAll(void* library, OpenCL& cl) {
 
 // The library is never closed: drivers do not survive it.
 OpenCL load() {
-#ifdef CORVALITH_OPENCL
   for (const char* name : kLibraries) {
-    void* library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
+    void* library = kEnabled ? dlopen(name, RTLD_NOW | RTLD_LOCAL) : nullptr;
     if (library == nullptr || !findAll(library, driver)) continue;
     OpenCL cl = driver;
     cl.clGetPlatformIDs = getPlatformIds;
     cl.clGetDeviceIDs = getDeviceIds;
     return cl;
   }
-#endif
   OpenCL none{};
   none.clGetPlatformIDs = noPlatforms;
   return none;
