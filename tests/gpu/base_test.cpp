@@ -19,7 +19,7 @@ class BaseImpl : public GPUImpl {
   using GPUImpl::im2colAlign1xX;
   using GPUImpl::padding;
   int forward(Blocks const&, Blocks const&, void*, Block*, Block*) override { return 0; }
-  int init() { return GPUImpl::init({}, {}, nullptr, nullptr, nullptr); }
+  int fetchKernels() { return init({}, {}, nullptr, nullptr, nullptr); }
   void setWeights(cl_mem buffer) { weightBuffer_ = buffer; }
 };
 
@@ -71,7 +71,7 @@ class BaseTest : public RigTest, public ::testing::WithParamInterface<CORVALITH_
     const std::vector<float> nans(static_cast<size_t>(conv.in.n * conv.group * band * width), NAN);
     Block col(conv.in.n, 1, conv.group * band, width, GetParam(), &context(), nans.data());
     BaseImpl impl(GetParam(), &context());
-    ASSERT_EQ(impl.init(), 0);
+    ASSERT_EQ(impl.fetchKernels(), 0);
     rig::reset();
     if (rowBlock > 0) {
       impl.im2colAlign1xX(&in, &padded, &col, conv.padW, conv.padH, conv.kernelH, conv.kernelW, conv.strideH,
@@ -110,7 +110,7 @@ TEST_P(BaseTest, Padding) {
   const std::vector<float> nans(2 * 3 * 8 * 7, NAN);
   Block out(2, 3, 8, 7, GetParam(), &context(), nans.data());
   BaseImpl impl(GetParam(), &context());
-  ASSERT_EQ(impl.init(), 0);
+  ASSERT_EQ(impl.fetchKernels(), 0);
   impl.padding(&in, &out, 1, 2);
   const std::vector<float> got = valuesOf(out);
   for (int i = 0; i < static_cast<int>(got.size()); ++i) {
@@ -181,7 +181,7 @@ TEST(GpuBase, WithoutContextEverythingFailsWithAMessage) {
   LogCapture log;
   {
     BaseImpl impl(CORVALITH_FP32, nullptr);
-    EXPECT_EQ(impl.init(), -1);
+    EXPECT_EQ(impl.fetchKernels(), -1);
     impl.padding(nullptr, nullptr, 1, 1);
     impl.im2colAlign(nullptr, nullptr, nullptr, 1, 1, 3, 3, 1, 1, 1);
     impl.im2colAlign1xX(nullptr, nullptr, nullptr, 1, 1, 3, 3, 1, 1, 24);
