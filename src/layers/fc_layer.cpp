@@ -1,6 +1,7 @@
 // "FC": fully connected. Each image, as one vector, times the weights, plus the bias.
 #include "core/log.h"
 #include "cpu/fully_connected.h"
+#include "gpu/fully_connected.h"
 #include "layers/registry.h"
 #include "layers/weighted_layer.h"
 
@@ -41,7 +42,11 @@ class FCLayer final : public WeightedLayer {
     return 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<FCCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override {
+    if (bottomShape().n <= 100) return make<FCCPUImpl, FCGPUImpl>();
+    if (inputSize() > 256) return make<FCCPUImpl, FCGPU8x1Impl>();
+    return make<FCCPUImpl, FCGPU8x1GemvImpl>();
+  }
 
   int afterInit() override {
     inputSize_ = inputSize();

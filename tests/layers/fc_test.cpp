@@ -37,6 +37,10 @@ TEST(FC, MatchesThePlainLoop) {
   cases.back().layer.biases.resize(4, 1e9f);
   cases.push_back(fcCase("another shape of as many values", {2, 4, 2, 3}, 5));
   cases.back().sizes.push_back({{2, 3, 1, 8}});
+  for (const auto& [inputs, outputs] : {std::pair(256, 24), {257, 25}, {247, 31}, {600, 7}}) {  // what GPUs interleave
+    cases.push_back(fcCase("a large batch of " + std::to_string(inputs), {101, inputs, 1, 1}, outputs));
+    cases.back().sizes.push_back({{130, inputs, 1, 1}});
+  }
   for (const LayerCase& c : cases) runLayerCase(c, product);
 }
 

@@ -9,10 +9,10 @@ namespace corvalith::testing {
 namespace {
 
 /// Types that run on the CPU only.
-const std::set<std::string> kWithoutGpu = {"BatchNorm", "Concat",  "Conv",  "Crop",     "Deconv", "DetectionOutput",
-                                           "Dropout",   "Eltwise", "FC",    "Flatten",  "LRN",    "PReLU",
-                                           "Permute",   "Pooling", "Power", "PriorBox", "ReLU",   "Reshape",
-                                           "Scale",     "Softmax", "Tanh"};
+const std::set<std::string> kWithoutGpu = {"BatchNorm", "Concat",  "Crop",    "Deconv",   "DetectionOutput",
+                                           "Dropout",   "Eltwise", "Flatten", "LRN",      "PReLU",
+                                           "Permute",   "Pooling", "Power",   "PriorBox", "ReLU",
+                                           "Reshape",   "Scale",   "Softmax", "Tanh"};
 
 void roundToHalf(std::vector<float>& values) {
   for (float& value : values) value = toHalf(value);
