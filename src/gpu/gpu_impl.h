@@ -38,6 +38,8 @@ class GPUImpl : public Impl {
  protected:
   /// Copies `in` into the middle of `out`, whose height and width are larger by twice the padding, with zeros around.
   void padding(const Block* in, Block* out, int padW, int padH);
+  /// The input itself where there is no padding; otherwise `padded`, filled.
+  const Block* paddedSource(const Block* in, Block* padded, int padW, int padH);
 
   /// Lays `in` out as the matrix that a product with the weights turns into the convolution: in `col`, row p holds
   /// what output position p = y * outW + x sees, in the order (input channel, kernel row, kernel column) of the
@@ -50,11 +52,14 @@ class GPUImpl : public Impl {
   void im2colAlign1xX(const Block* in, Block* padded, Block* col, int padW, int padH, int kernelH, int kernelW,
                       int strideH, int strideW, int x);
 
+  /// Whether the bytes of a half-precision model are as many as the kernels read, once the weights' size is set.
+  bool preparedWeightsFit(const Block& weight, const Block& bias, int outputs) const {
+    return dataType_ == CORVALITH_FP16 && weight.getSize() >= weightSize_ && bias.getSize() / 2 >= outputs;
+  }
+
   GPUContext* gpu() const { return static_cast<GPUContext*>(context_); }
 
  private:
-  const Block* paddedSource(const Block* in, Block* padded, int padW, int padH);
-
   SharedKernel<kernels::kConvertOptimized> convertOptimized_;
   SharedKernel<kernels::kConvertBlocked2> convertBlocked2_;
   SharedKernel<kernels::kConvert2Points> convert2Points_;

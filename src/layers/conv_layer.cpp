@@ -2,6 +2,8 @@
 #include "core/log.h"
 #include "cpu/conv_gemm.h"
 #include "cpu/conv_wino.h"
+#include "gpu/conv_depthwise.h"
+#include "gpu/conv_gemm.h"
 #include "layers/conv_base.h"
 #include "layers/registry.h"
 
@@ -32,16 +34,37 @@ class ConvLayer final : public ConvBaseLayer {
   }
 
   std::unique_ptr<Impl> makeImpl() override {
-    const bool winograd = param_.kernel_h == 3 && param_.kernel_w == 3 && param_.stride_h == 1 && param_.stride_w == 1;
-    switch (basicParam_.activation) {
-      case CONV_ACT_NONE:
-        return winograd ? make<ConvCPUWINOImpl>() : make<ConvCPUGEMMImpl>();
-      case CONV_ACT_RELU:
-        return winograd ? make<ConvCPUWINOWithActImpl>() : make<ConvCPUGEMMWithActImpl>();
-      default:
-        logDebug("unsupported activationType!!");
-        return nullptr;
+    if (basicParam_.activation != CONV_ACT_NONE && basicParam_.activation != CONV_ACT_RELU) {
+      logDebug("unsupported activationType!!");
+      return nullptr;
     }
+    if (onGpu()) return makeGpuImpl();
+    return isWinograd() ? twin<ConvCPUWINOImpl, ConvCPUWINOWithActImpl>()
+                        : twin<ConvCPUGEMMImpl, ConvCPUGEMMWithActImpl>();
+  }
+
+ private:
+  template <class Plain, class WithAct>
+  std::unique_ptr<Impl> twin() {
+    if (basicParam_.activation == CONV_ACT_RELU) return std::make_unique<WithAct>(dataType_, context_);
+    return std::make_unique<Plain>(dataType_, context_);
+  }
+
+  bool isWinograd() const {
+    return param_.kernel_h == 3 && param_.kernel_w == 3 && param_.stride_h == 1 && param_.stride_w == 1;
+  }
+
+  std::unique_ptr<Impl> makeGpuImpl() {
+    const ConvParam& p = param_;
+    const bool depthwise = p.group == bottomShape().c && p.group == p.num_output;
+    if (p.group > 2 && depthwise) return twin<ConvGPUDepthwiseImpl, ConvGPUDepthwiseWithActImpl>();
+    if (p.group > 1) return twin<ConvGPUGEMMImpl, ConvGPUGEMMWithActImpl>();
+    const int positions = topBlocks_[0]->getHeight() * topBlocks_[0]->getWidth();
+    const bool pixelwise = p.kernel_h == 1 && p.kernel_w == 1 && p.stride_h == 1 && p.stride_w == 1;
+    if (pixelwise && positions > 400 && int64_t{positions} * p.num_output > 38400) {
+      return twin<ConvGPUKernel1x1Impl, ConvGPUKernel1x1WithActImpl>();
+    }
+    return twin<ConvGPUGEMM1xXImpl, ConvGPUGEMM1xXWithActImpl>();
   }
 };
 
