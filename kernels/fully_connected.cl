@@ -19,8 +19,8 @@ __kernel void KERNEL(fc_split)(__global const real* x, __global const real* w, _
   STORE(sum, split, (image * slices + slice) * outputs + n);
 }
 
-void KERNEL(fcMerge)(__global const real* split, __global const real* bias, __global real* top,
-                                   int slices, int image, int n, int outputs) {
+void KERNEL(fcMerge)(__global const real* split, __global const real* bias, __global real* top, int slices, int image,
+                     int n, int outputs) {
   float sum = LOAD(bias, n);
   for (int slice = 0; slice < slices; ++slice) sum += LOAD(split, (image * slices + slice) * outputs + n);
   STORE(sum, top, image * outputs + n);

@@ -1,6 +1,8 @@
 #include "gpu/fully_connected.h"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "core/log.h"
 
@@ -13,6 +15,11 @@ constexpr const char* kReshapeFailed = "fc8*1 reshap failed";
 int inputSize(const Block* bottom) { return bottom->getChannel() * bottom->getHeight() * bottom->getWidth(); }
 
 int outputCount(const Block* top) { return top->getChannel(); }
+
+/// Size of half-precision weights; the largest int for what is beyond, which no buffer has.
+int weightBytes(int outputs, int rowLength) {
+  return static_cast<int>(std::min<int64_t>(int64_t{outputs} * rowLength * 2, std::numeric_limits<int>::max()));
+}
 
 /// The widest work group of outputs that divides their number.
 int outputGroup(int outputs) {
@@ -49,12 +56,13 @@ int FCGPUImpl::makeSplit(const Block* bottom, const Block* top) {
   return 0;
 }
 
-int FCGPUImpl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block*) {
+int FCGPUImpl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block* bias) {
   if (splitKernel_.fetch(gpu(), dataType_) != 0 || mergeKernel_.fetch(gpu(), dataType_) != 0) {
     return fail("set kernel failed");
   }
+  setImplWeightSize(weightBytes(outputCount(tops[0]), inputSize(bottoms[0])));
+  if (isFP16Model_ && !preparedWeightsFit(*weight, *bias, outputCount(tops[0]))) return -1;
   weightBuffer_ = weight->getData();
-  setImplWeightSize(weight->getSize() * 2);
   return makeSplit(bottoms[0], tops[0]);
 }
 
@@ -82,16 +90,16 @@ int FCGPUInterleaved::makeInterleave(const Block* bottom) {
   return interleave_ != nullptr ? 0 : -1;
 }
 
-int FCGPUInterleaved::padWeights(const Block* bottom, const Block* top, const Block* weight) {
+int FCGPUInterleaved::padWeights(const Block* bottom, const Block* top, const Block* weight, const Block* bias) {
+  const int outputs = outputCount(top), length = inputSize(bottom), padded = rowLength(bottom);
+  setImplWeightSize(weightBytes(outputs, padded));
   if (isFP16Model_) {
     weightBuffer_ = weight->getData();
-    return 0;
+    return preparedWeightsFit(*weight, *bias, outputs) ? 0 : -1;
   }
-  const int length = inputSize(bottom), padded = rowLength(bottom);
-  const int64_t count = int64_t{outputCount(top)} * padded;
+  const int64_t count = int64_t{outputs} * padded;
   if (paddedWeights_.allocate(context_, count, dataType_) != 0) return fail("FCGPU8x1Impl malloc fail");
   weightBuffer_ = paddedWeights_.get();
-  setImplWeightSize(static_cast<int>(count * 2));
   if (gpu()->memAlign(weight->getData(), weightBuffer_, dataType_, weight->getSize(), length, static_cast<int>(count),
                       padded, 1) != 0) {
     return fail("memalign failed");
@@ -103,7 +111,7 @@ Shape FCGPU8x1Impl::splitShape(const Block* bottom, const Block* top) const {
   return {bottom->getBatch(), rowLength(bottom) / kSlice, outputCount(top), 1};
 }
 
-int FCGPU8x1Impl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block*) {
+int FCGPU8x1Impl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block* bias) {
   if (interleaveKernel_.fetch(gpu(), dataType_) != 0 || splitKernel_.fetch(gpu(), dataType_) != 0 ||
       mergeKernel_.fetch(gpu(), dataType_) != 0) {
     return fail("set kernel failed");
@@ -111,7 +119,7 @@ int FCGPU8x1Impl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* 
   if (makeInterleave(bottoms[0]) != 0) return -1;
   split_ = makeScratch(splitShape(bottoms[0], tops[0]), dataType_, context_);
   if (split_ == nullptr) return -1;
-  return padWeights(bottoms[0], tops[0], weight);
+  return padWeights(bottoms[0], tops[0], weight, bias);
 }
 
 int FCGPU8x1Impl::reshape(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) {
@@ -127,19 +135,19 @@ int FCGPU8x1Impl::forward(Blocks const& bottoms, Blocks const& tops, void*, Bloc
   interleaveKernel_.run(Range({rows, alignTo(inputs, 16)}, {1, 16}), buffer(bottoms[0]), buffer(interleave_.get()),
                         batch, inputs, interleave_->getWidth());
   splitKernel_.run(Range({rows, slices, alignTo(outputs, 24)}, {1, 1, 24}), buffer(interleave_.get()),
-                   static_cast<cl_mem>(weightBuffer_), buffer(split_.get()), rowLength(bottoms[0]), kSlice + 0, batch,
+                   static_cast<cl_mem>(weightBuffer_), buffer(split_.get()), rowLength(bottoms[0]), kSlice, batch,
                    outputs, slices);
   mergeKernel_.run(Range({batch, alignTo(outputs, 24)}, {1, 24}), buffer(split_.get()), buffer(bias), buffer(tops[0]),
                    outputs * slices, slices, batch, outputs);
   return 0;
 }
 
-int FCGPU8x1GemvImpl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block*) {
+int FCGPU8x1GemvImpl::init(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block* bias) {
   if (interleaveKernel_.fetch(gpu(), dataType_) != 0 || gemvKernel_.fetch(gpu(), dataType_) != 0) {
     return fail("set kernel failed");
   }
   if (makeInterleave(bottoms[0]) != 0) return -1;
-  return padWeights(bottoms[0], tops[0], weight);
+  return padWeights(bottoms[0], tops[0], weight, bias);
 }
 
 int FCGPU8x1GemvImpl::reshape(Blocks const& bottoms, Blocks const&, void*, Block*, Block*) {

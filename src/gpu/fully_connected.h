@@ -42,7 +42,7 @@ class FCGPUInterleaved : public GPUImpl {
   Shape interleaveShape(const Block* bottom) const;
   int makeInterleave(const Block* bottom);
   /// Gets the padded weights ready, unless the model has them that way.
-  int padWeights(const Block* bottom, const Block* top, const Block* weight);
+  int padWeights(const Block* bottom, const Block* top, const Block* weight, const Block* bias);
 
   std::unique_ptr<ImplBlock> interleave_;
 

@@ -1,5 +1,6 @@
 // "Deconv": transposed convolution with bias, in groups.
 #include "cpu/deconv.h"
+#include "gpu/deconv.h"
 #include "layers/conv_base.h"
 #include "layers/registry.h"
 
@@ -29,7 +30,11 @@ class DeconvLayer final : public ConvBaseLayer {
     return kernel + stride * (input - 1) - 2 * pad;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<DeconvCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override {
+    const Shape in = bottomShape();
+    const bool manyRows = int64_t{param_.kernel_w} * param_.kernel_h * param_.num_output > in.h * in.w;
+    return manyRows ? make<DeconvCPUImpl, DeconvGPUImpl>() : make<DeconvCPUImpl, DeconvGPU1x8Impl>();
+  }
 };
 
 CORVALITH_REGISTER_LAYER("Deconv", DeconvLayer)
