@@ -4,6 +4,7 @@
 #include "cpu/conv_wino.h"
 #include "gpu/conv_depthwise.h"
 #include "gpu/conv_gemm.h"
+#include "gpu/conv_wino.h"
 #include "layers/conv_base.h"
 #include "layers/registry.h"
 
@@ -56,6 +57,7 @@ class ConvLayer final : public ConvBaseLayer {
 
   std::unique_ptr<Impl> makeGpuImpl() {
     const ConvParam& p = param_;
+    if (isWinograd() && p.group <= 2) return twin<ConvGPUWINOImpl, ConvGPUWINOWithActImpl>();
     const bool depthwise = p.group == bottomShape().c && p.group == p.num_output;
     if (p.group > 2 && depthwise) return twin<ConvGPUDepthwiseImpl, ConvGPUDepthwiseWithActImpl>();
     if (p.group > 1) return twin<ConvGPUGEMMImpl, ConvGPUGEMMWithActImpl>();
