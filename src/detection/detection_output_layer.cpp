@@ -5,6 +5,8 @@
 
 #include "core/log.h"
 #include "detection/detection.h"
+#include "gpu/gpu_impl.h"
+#include "gpu/scratch.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -17,24 +19,146 @@ int priorsIn(const Shape& priors) { return priors.h / 4; }
 /// The most images times classes. Each costs memory of its own, beside its priors': counts of a damaged file stop here.
 constexpr int64_t kMaxLabels = int64_t{1} << 20;
 
+/// The result of the last run.
+struct Detections {
+  std::shared_ptr<float[]> values;
+  int dim1 = 0, dim2 = 0, dim3 = 0;
+
+  Shape shape() const { return {1, dim1, dim2, dim3}; }
+  size_t bytes() const { return static_cast<size_t>(shape().elements()) * sizeof(float); }
+
+  void find(const DetectionOutputParam& p, const std::vector<Block*>& bottoms, const float* loc, const float* conf,
+            const float* prior) {
+    detection(bottoms[0]->getBatch(), p.num_classes, p.share_location != 0, p.nms_threshold, p.background_label_id != 0,
+              p.top_k, p.keep_top_k, static_cast<PriorBoxParameter_CodeType>(p.code_type), p.confidence_threshold,
+              p.eta, p.variance_encoded_in_target != 0, priorsIn(bottoms[2]->shape()), loc, conf, prior, values, dim1,
+              dim2, dim3);
+  }
+};
+
 class DetectionOuputCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
-    const DetectionOutputParam& p = *static_cast<const DetectionOutputParam*>(record);
-    detection(bottoms[0]->getBatch(), p.num_classes, p.share_location != 0, p.nms_threshold, p.background_label_id != 0,
-              p.top_k, p.keep_top_k, static_cast<PriorBoxParameter_CodeType>(p.code_type), p.confidence_threshold,
-              p.eta, p.variance_encoded_in_target != 0, priorsIn(bottoms[2]->shape()), floats(bottoms[0]),
-              floats(bottoms[1]), floats(bottoms[2]), result_, dim1_, dim2_, dim3_);
-    const Shape shape{1, dim1_, dim2_, dim3_};
-    if (tops[0]->reshape(shape) != 0) return -1;
-    std::memcpy(floats(tops[0]), result_.get(), static_cast<size_t>(shape.elements()) * sizeof(float));
+    result_.find(*static_cast<const DetectionOutputParam*>(record), bottoms, floats(bottoms[0]), floats(bottoms[1]),
+                 floats(bottoms[2]));
+    if (tops[0]->reshape(result_.shape()) != 0) return -1;
+    std::memcpy(floats(tops[0]), result_.values.get(), result_.bytes());
     return 0;
   }
 
  private:
-  std::shared_ptr<float[]> result_;  // of the last run
-  int dim1_ = 0, dim2_ = 0, dim3_ = 0;
+  Detections result_;
+};
+
+/// A block of floats in host memory while this lives.
+class Mapped {
+ public:
+  /// Null `data()` where the driver refuses.
+  Mapped(cl_command_queue queue, const Block& block) : queue_(queue), memory_(buffer(&block)) {
+    ClInt status = kClSuccess;
+    void* const data =
+        opencl().clEnqueueMapBuffer(queue_, memory_, kClTrue, kClMapRead | kClMapWrite, 0,
+                                    static_cast<size_t>(block.getSize()) * sizeof(float), 0, nullptr, nullptr, &status);
+    if (status == kClSuccess) data_ = static_cast<float*>(data);
+  }
+  ~Mapped() {
+    if (data_ != nullptr) opencl().clEnqueueUnmapMemObject(queue_, memory_, data_, 0, nullptr, nullptr);
+  }
+  Mapped(const Mapped&) = delete;
+  Mapped& operator=(const Mapped&) = delete;
+
+  const float* data() const { return data_; }
+
+ private:
+  cl_command_queue queue_;
+  cl_mem memory_;
+  float* data_ = nullptr;
+};
+
+/// Finds the boxes on the host. In half, the inputs and the result go through blocks of floats, of which the result's
+/// has a fixed size.
+class DetectionOutputGPUImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+
+  int init(Blocks const& bottoms, Blocks const&, void*, Block*, Block*) override {
+    if (!half()) return 0;
+    for (size_t i = 0; i < kInputs; ++i) {
+      inputs_[i] = makeScratch(bottoms[i]->shape(), CORVALITH_FP32, context_);
+      if (inputs_[i] == nullptr) return -1;
+    }
+    output_ = makeScratch({1, 1, kMostRowsInHalf, kDetectionRow}, CORVALITH_FP32, context_);
+    if (output_ == nullptr) return -1;
+    if (halfToFloat_.fetch(gpu(), CORVALITH_FP16) != 0 || floatToHalf_.fetch(gpu(), CORVALITH_FP16) != 0) {
+      return fail("set kernel failed");
+    }
+    return 0;
+  }
+
+  int reshape(Blocks const& bottoms, Blocks const&, void*, Block*, Block*) override {
+    for (size_t i = 0; half() && i < kInputs; ++i) {
+      if (inputs_[i]->reshape(bottoms[i]->shape()) != 0) return -1;
+    }
+    return 0;
+  }
+
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const DetectionOutputParam& param = *static_cast<const DetectionOutputParam*>(record);
+    if (find(param, bottoms) != 0) return -1;
+    return half() ? storeHalves(tops[0]) : storeFloats(tops[0]);
+  }
+
+ private:
+  static constexpr size_t kInputs = 3;
+  static constexpr int kMostRowsInHalf = 100;
+
+  bool half() const { return dataType_ == CORVALITH_FP16; }
+
+  /// A bottom in floats.
+  const Block& input(Blocks const& bottoms, size_t i) {
+    if (!half()) return *bottoms[i];
+    halfToFloat_.run(Range({bottoms[i]->getSize()}), buffer(bottoms[i]), buffer(inputs_[i].get()));
+    return *inputs_[i];
+  }
+
+  int find(const DetectionOutputParam& param, Blocks const& bottoms) {
+    const Block &locBlock = input(bottoms, 0), &confBlock = input(bottoms, 1), &priorBlock = input(bottoms, 2);
+    const cl_command_queue queue = gpu()->getCommandQueue();
+    const Mapped loc(queue, locBlock);
+    if (loc.data() == nullptr) return fail("DetectionOutputGPUImpl locData_ map failed");
+    const Mapped conf(queue, confBlock);
+    if (conf.data() == nullptr) return fail("DetectionOutputGPUImpl confData_ map failed");
+    const Mapped prior(queue, priorBlock);
+    if (prior.data() == nullptr) return fail("DetectionOutputGPUImpl priorData_ map failed");
+    result_.find(param, bottoms, loc.data(), conf.data(), prior.data());
+    return 0;
+  }
+
+  int write(const Block* to) {
+    if (opencl().clEnqueueWriteBuffer(gpu()->getCommandQueue(), buffer(to), kClTrue, 0, result_.bytes(),
+                                      result_.values.get(), 0, nullptr, nullptr) != kClSuccess) {
+      return fail(kWriteFailed);
+    }
+    return 0;
+  }
+
+  int storeFloats(Block* top) { return top->reshape(result_.shape()) == 0 ? write(top) : -1; }
+
+  int storeHalves(Block* top) {
+    if (result_.dim2 > kMostRowsInHalf) return fail(kWriteFailed);
+    if (write(output_.get()) != 0 || top->reshape(result_.shape()) != 0) return -1;
+    floatToHalf_.run(Range({top->getSize()}), buffer(output_.get()), buffer(top));
+    return 0;
+  }
+
+  static constexpr const char* kWriteFailed = "DetectionOutput write buffer failed!";
+
+  Detections result_;
+  // In half only
+  std::unique_ptr<ImplBlock> inputs_[kInputs], output_;
+  SharedKernel<kernels::kHalfToFloat> halfToFloat_;
+  SharedKernel<kernels::kFloatToHalf> floatToHalf_;
 };
 
 constexpr const char* kImplReshapeFail = "DetectionOutputLayer impl reshape fail";
@@ -74,7 +198,7 @@ class DetectionOutputLayer final : public StandardLayer {
 
   bool allowsEmptyTop() const override { return true; }  // keep_top_k 0
 
-  std::unique_ptr<Impl> makeImpl() override { return make<DetectionOuputCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<DetectionOuputCPUImpl, DetectionOutputGPUImpl>(); }
 
  private:
   int images() const { return bottomShape(0).n; }

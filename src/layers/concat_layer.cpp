@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -52,6 +53,41 @@ class ConcatCPUAxis2Impl final : public Impl {
   }
 };
 
+int planeCount(const Shape& s) { return s.h * s.w; }
+int imageCount(const Shape& s) { return s.c * planeCount(s); }
+
+class ConcatGPUImpl final : public OneKernelImpl<kernels::kConcat> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const int topSize = imageCount(tops[0]->shape());
+    int offset = 0;
+    for (const Block* bottom : bottoms) {
+      const int size = imageCount(bottom->shape());
+      kernel_.run(Range({bottom->getBatch(), alignTo(alignTo(size, 8) / 8, 64)}, {1, 64}), buffer(bottom),
+                  buffer(tops[0]), offset, topSize, size);
+      offset += size;
+    }
+    return 0;
+  }
+};
+
+class ConcatGPUAxis2Impl final : public OneKernelImpl<kernels::kConcatAxis2> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const Shape top = tops[0]->shape();
+    int row = 0;
+    for (const Block* bottom : bottoms) {
+      const int plane = planeCount(bottom->shape());
+      kernel_.run(Range({bottom->getBatch(), bottom->getChannel(), plane}, {1, 1, findMaxFactor(plane, 128)}),
+                  buffer(bottom), buffer(tops[0]), imageCount(top), planeCount(top), row, top.w);
+      row += bottom->getHeight();
+    }
+    return 0;
+  }
+};
+
 constexpr LayerTraits kTraits{
     RecordFamily::kSpecialOptional,
     1,
@@ -92,7 +128,8 @@ class ConcatLayer final : public StandardLayer {
   }
 
   std::unique_ptr<Impl> makeImpl() override {
-    return param_.axis == kRowAxis ? make<ConcatCPUAxis2Impl>() : make<ConcatCPUImpl>();
+    return param_.axis == kRowAxis ? make<ConcatCPUAxis2Impl, ConcatGPUAxis2Impl>()
+                                   : make<ConcatCPUImpl, ConcatGPUImpl>();
   }
 
  private:

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -24,6 +25,19 @@ class CropCPUImpl final : public Impl {
       }
     }
     return 0;
+  }
+};
+
+class CropGPUImpl final : public OneKernelImpl<kernels::kCrop> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const CropParam& param = *static_cast<const CropParam*>(record);
+    const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
+    const ClInt status = kernel_.run(Range({out.c * out.n, out.h, alignTo(alignTo(out.w, 8) / 8, 4)}, {1, 1, 4}),
+                                     buffer(bottoms[0]), buffer(tops[0]), static_cast<int>(param.offset_h),
+                                     static_cast<int>(param.offset_w), in.c, in.h, in.w, out.c, out.h, out.w);
+    return status == kClSuccess ? 0 : failWith("Error: clEnqueueNDR error, err: %d\n", status);
   }
 };
 
@@ -55,7 +69,7 @@ class CropLayer final : public StandardLayer {
     return 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<CropCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<CropCPUImpl, CropGPUImpl>(); }
 
  private:
   CropParam param_;

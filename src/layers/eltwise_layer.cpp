@@ -1,6 +1,7 @@
 // "Eltwise": combines two to ten inputs of one shape value by value: product, weighted sum or maximum.
 #include "core/log.h"
 #include "cpu/simd/kernels.h"
+#include "gpu/gpu_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -50,6 +51,70 @@ class EltwiseSumCPUImpl final : public Impl {
   }
 };
 
+/// A kernel that combines inputs 0 and 1 into the top, and one that folds in a further input.
+template <const auto& kZeroOne, const auto& kTwoMore>
+class EltwiseGPUImpl : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int init(Blocks const&, Blocks const&, void*, Block*, Block*) final {
+    if (zeroOne_.fetch(gpu(), dataType_) != 0 || twoMore_.fetch(gpu(), dataType_) != 0) {
+      return fail("set kernel failed");
+    }
+    return 0;
+  }
+
+ protected:
+  static int valuesPerImage(const Block* top) { return top->getChannel() * top->getHeight() * top->getWidth(); }
+  /// One work item for every value.
+  static Range valueRange(const Block* top) {
+    const int values = valuesPerImage(top);
+    return Range({top->getBatch(), values}, {1, findMaxFactor(values, 128)});
+  }
+
+  SharedKernel<kZeroOne> zeroOne_;
+  SharedKernel<kTwoMore> twoMore_;
+};
+
+/// Operations without coefficients.
+template <const auto& kZeroOne, const auto& kTwoMore>
+class PlainEltwiseGPUImpl : public EltwiseGPUImpl<kZeroOne, kTwoMore> {
+ public:
+  using EltwiseGPUImpl<kZeroOne, kTwoMore>::EltwiseGPUImpl;
+  int forward(Impl::Blocks const& bottoms, Impl::Blocks const& tops, void*, Block*, Block*) final {
+    const Range range = this->valueRange(tops[0]);
+    this->zeroOne_.run(range, buffer(bottoms[0]), buffer(bottoms[1]), buffer(tops[0]));
+    for (size_t i = 2; i < bottoms.size(); ++i) this->twoMore_.run(range, buffer(bottoms[i]), buffer(tops[0]));
+    return 0;
+  }
+};
+
+class EltwiseProdGPUImpl final
+    : public PlainEltwiseGPUImpl<kernels::kEltwiseProdZeroOne, kernels::kEltwiseProdTwoMore> {
+ public:
+  using PlainEltwiseGPUImpl::PlainEltwiseGPUImpl;
+};
+
+class EltwiseMaxGPUImpl final : public PlainEltwiseGPUImpl<kernels::kEltwiseMaxZeroOne, kernels::kEltwiseMaxTwoMore> {
+ public:
+  using PlainEltwiseGPUImpl::PlainEltwiseGPUImpl;
+};
+
+class EltwiseSumGPUImpl final : public EltwiseGPUImpl<kernels::kEltwiseSumZeroOne, kernels::kEltwiseSumTwoMore> {
+ public:
+  using EltwiseGPUImpl::EltwiseGPUImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const EltwiseParam& param = *static_cast<const EltwiseParam*>(record);
+    const Block* top = tops[0];
+    zeroOne_.run(Range({top->getBatch(), alignTo(alignTo(valuesPerImage(top), 8) / 8, 8)}, {1, 8}), buffer(bottoms[0]),
+                 buffer(bottoms[1]), buffer(top), param.coeff[0], param.coeff[1], top->getChannel(), top->getWidth(),
+                 top->getHeight());
+    for (size_t i = 2; i < bottoms.size(); ++i) {
+      twoMore_.run(valueRange(top), buffer(bottoms[i]), buffer(top), param.coeff[i]);
+    }
+    return 0;
+  }
+};
+
 constexpr LayerTraits kTraits{
     RecordFamily::kSpecialRequired,
     2,
@@ -79,11 +144,11 @@ class EltwiseLayer final : public StandardLayer {
   std::unique_ptr<Impl> makeImpl() override {
     switch (param_.operation) {
       case kProduct:
-        return make<EltwiseProdCPUImpl>();
+        return make<EltwiseProdCPUImpl, EltwiseProdGPUImpl>();
       case kSum:
-        return make<EltwiseSumCPUImpl>();
+        return make<EltwiseSumCPUImpl, EltwiseSumGPUImpl>();
       case kMaximum:
-        return make<EltwiseMaxCPUImpl>();
+        return make<EltwiseMaxCPUImpl, EltwiseMaxGPUImpl>();
     }
     logDebug("no such eltwise type");
     return nullptr;

@@ -1,5 +1,6 @@
 // "Flatten": joins the dimensions from axis to end_axis into one; the output is (those before, joined, those after, 1).
 #include "core/log.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/copy_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -10,6 +11,18 @@ namespace {
 class FlattenCPUImpl final : public CopyCPUImpl {
  public:
   using CopyCPUImpl::CopyCPUImpl;
+};
+
+class FlattenGPUImpl final : public OneKernelImpl<kernels::kFlatten> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const int count = tops[0]->getSize();
+    if (tops[0] != bottoms[0]) {
+      kernel_.run(Range({alignTo(count, 96) / 8}, {12}), buffer(bottoms[0]), buffer(tops[0]), count);
+    }
+    return 0;
+  }
 };
 
 constexpr LayerTraits kTraits{
@@ -70,7 +83,7 @@ class FlattenLayer final : public StandardLayer {
     return kRefusedAndLogged;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<FlattenCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<FlattenCPUImpl, FlattenGPUImpl>(); }
 
  private:
   FlattenParam param_;

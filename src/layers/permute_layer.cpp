@@ -2,6 +2,7 @@
 #include <array>
 
 #include "core/log.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -50,6 +51,19 @@ class PermuteCPUImpl final : public Impl {
   }
 };
 
+class PermuteGPUImpl final : public OneKernelImpl<kernels::kSwapAxes> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const AxisOrder order = axisOrder(*static_cast<const PermuteParam*>(record));
+    const auto axis = [&](size_t d) { return static_cast<int>(order[d]); };
+    const Shape in = bottoms[0]->shape();
+    kernel_.run(Range({in.n * in.c, in.h, alignTo(in.w, 12)}, {1, 1, 12}), buffer(bottoms[0]), buffer(tops[0]), in.n,
+                in.c, in.h, in.w, axis(0), axis(1), axis(2), axis(3));
+    return 0;
+  }
+};
+
 constexpr LayerTraits kTraits{
     RecordFamily::kSpecialThenRest,
     1,
@@ -80,7 +94,7 @@ class PermuteLayer final : public StandardLayer {
     return 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<PermuteCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<PermuteCPUImpl, PermuteGPUImpl>(); }
 
  private:
   PermuteParam param_;

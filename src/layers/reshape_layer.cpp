@@ -1,5 +1,6 @@
 // "Reshape": the same values under another shape; a smaller shape keeps those at the front.
 #include "core/log.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/copy_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -10,6 +11,18 @@ namespace {
 class ReshapeCPUImpl final : public CopyCPUImpl {
  public:
   using CopyCPUImpl::CopyCPUImpl;
+};
+
+class ReshapeGPUImpl final : public OneKernelImpl<kernels::kReshape> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const Shape out = tops[0]->shape();
+    const int plane = out.h * out.w, columns = findMaxFactor(plane, 128);
+    kernel_.run(Range({out.n, out.c, plane}, {1, findMaxFactor(out.c, 128 / columns), columns}), buffer(bottoms[0]),
+                buffer(tops[0]));
+    return 0;
+  }
 };
 
 constexpr LayerTraits kTraits{
@@ -65,7 +78,7 @@ class ReshapeLayer final : public StandardLayer {
     return top.elements() <= in.elements() ? 0 : -1;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<ReshapeCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<ReshapeCPUImpl, ReshapeGPUImpl>(); }
 
  private:
   ReshapeParam param_;
