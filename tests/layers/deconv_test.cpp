@@ -61,6 +61,7 @@ std::vector<LayerCase> deconvCases() {
       deconvCase("three groups", 6, 9, {4, 4, 2, 2, 1, 1}, 3),
       deconvCase("depthwise", 8, 8, {2, 2, 2, 2}, 8),
       deconvCase("depthwise with two outputs a channel", 5, 10, {3, 3, 2, 2, 1, 1}, 5),
+      deconvCase("groups of 21 rows", 168, 168, {1, 1}, 8, {{{2, 168, 2, 3}}}),
       deconvCase("more channels than one chunk of a sum", 600, 2, {2, 2, 2, 2}, 1, {{{1, 600, 3, 3}}}),
       deconvCase("one output size for two input sizes", 3, 2, {1, 1, 2, 2, 1, 1}, 1,
                  {{{1, 3, 5, 9}}, {{2, 3, 5, 9}}, {{1, 3, 9, 5}}}),
