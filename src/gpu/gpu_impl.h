@@ -20,6 +20,12 @@ inline Range elementRange(const Shape& shape) {
   return Range({planes, shape.h, shape.w}, {first, findMaxFactor(shape.h, 128 / (first * columns)), columns});
 }
 
+/// One work item for every 8 values of a plane, in groups of (1, channels, spans); channels and spans are rounded up.
+inline Range planeRange(const Shape& shape, int channels, int spans) {
+  const int count = (shape.h * shape.w + 7) / 8;
+  return Range({shape.n, alignTo(shape.c, channels), alignTo(count, spans)}, {1, channels, spans});
+}
+
 /// What GPU implementations share: the context, the weights as the kernels want them, and the kernels with which
 /// convolutions lay their input out. Launches are queued and flushed, and their statuses are not looked at.
 class GPUImpl : public Impl {

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "cpu/simd/kernels.h"
+#include "gpu/gpu_impl.h"
 #include "layers/channel_values_layer.h"
 #include "layers/registry.h"
 
@@ -64,6 +65,32 @@ class BatchNormCPUImpl final : public Impl {
   }
 };
 
+class BatchNormGPUImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int init(Blocks const&, Blocks const&, void* record, Block*, Block*) override {
+    const BatchNormParam& param = *static_cast<const BatchNormParam*>(record);
+    return param.use_global_stats != 0 ? byRecord_.fetch(gpu(), dataType_) : byBatch_.fetch(gpu(), dataType_);
+  }
+
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block* means, Block* divisors) override {
+    const BatchNormParam& param = *static_cast<const BatchNormParam*>(record);
+    const Shape s = tops[0]->shape();
+    if (param.use_global_stats != 0) {
+      byRecord_.run(planeRange(s, 4, 32), buffer(bottoms[0]), buffer(means), buffer(divisors), buffer(tops[0]), s.c,
+                    s.w, s.h);
+    } else {
+      byBatch_.run(Range({s.c, 1, 1}, {findMaxFactor(s.c, 128), 1, 1}), buffer(bottoms[0]), buffer(tops[0]), s.h * s.w,
+                   s.n, param.eps);
+    }
+    return 0;
+  }
+
+ private:
+  SharedKernel<kernels::kBatchNorm> byRecord_;
+  SharedKernel<kernels::kBatchNorm2> byBatch_;
+};
+
 constexpr LayerTraits kTraits{
     RecordFamily::kSpecialOptionalWithWeights,
     1,
@@ -86,7 +113,7 @@ class BatchNormLayer final : public ChannelValuesLayer {
     return param_.use_global_stats != 0 ? takeWeightsAndBiases(reader) : 0;
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<BatchNormCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<BatchNormCPUImpl, BatchNormGPUImpl>(); }
 
  private:
   BatchNormParam param_;

@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "cpu/simd/kernels.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -31,6 +32,19 @@ class PowerCPUImpl final : public Impl {
   }
 };
 
+class PowerGPUImpl final : public OneKernelImpl<kernels::kPower> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    if (bottoms.empty() || tops.empty()) return -1;
+    const PowerParam& param = *static_cast<const PowerParam*>(record);
+    const Shape s = tops[0]->shape();
+    kernel_.run(planeRange(s, 2, 64), buffer(bottoms[0]), buffer(tops[0]), param.scale, param.shift, param.power, s.c,
+                s.h, s.w);
+    return 0;
+  }
+};
+
 constexpr LayerTraits kTraits{
     RecordFamily::kSpecialRequired,
     1,
@@ -49,7 +63,7 @@ class PowerLayer final : public StandardLayer {
       : StandardLayer(kTraits, dataType, context, &param_, sizeof param_) {}
 
  protected:
-  std::unique_ptr<Impl> makeImpl() override { return make<PowerCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<PowerCPUImpl, PowerGPUImpl>(); }
 
  private:
   PowerParam param_;

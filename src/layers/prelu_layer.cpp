@@ -1,5 +1,6 @@
 // "PReLU": y = x where x is positive, else x times the slope of its channel.
 #include "cpu/simd/kernels.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/channel_values_layer.h"
 #include "layers/registry.h"
 
@@ -13,6 +14,18 @@ class PReluCPUImpl final : public Impl {
     forEachPlane(*bottoms[0], *tops[0], [slope = floats(slopes)](const float* x, float* y, size_t n, int channel) {
       cpuKernels().prelu(x, y, n, slope[channel]);
     });
+    return 0;
+  }
+};
+
+class PReluGPUImpl final : public OneKernelImpl<kernels::kPRelu> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block* slopes) override {
+    const Shape s = tops[0]->shape();
+    Range range = planeRange(s, 8, 8);
+    range.hasLocal = false;  // the driver knows better
+    kernel_.run(range, buffer(bottoms[0]), buffer(tops[0]), buffer(slopes), s.c, s.w, s.h);
     return 0;
   }
 };
@@ -38,7 +51,7 @@ class PReLULayer final : public ChannelValuesLayer {
     return takeValues(reader, {basicParam_.biasSize, 1, 1, 1}, bias_);
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<PReluCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<PReluCPUImpl, PReluGPUImpl>(); }
 };
 
 CORVALITH_REGISTER_LAYER("PReLU", PReLULayer)

@@ -1,5 +1,6 @@
 // "ReLU": y = x where x is positive, else 0; a NaN becomes 0.
 #include "cpu/simd/kernels.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -11,6 +12,16 @@ class ReluCPUImpl final : public Impl {
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
     cpuKernels().relu(floats(bottoms[0]), floats(tops[0]), tops[0]->getSize());
+    return 0;
+  }
+};
+
+class ReluGPUImpl final : public OneKernelImpl<kernels::kRelu> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const Shape s = tops[0]->shape();
+    kernel_.run(planeRange(s, 1, 32), buffer(bottoms[0]), buffer(tops[0]), s.c, s.h, s.w);
     return 0;
   }
 };
@@ -32,7 +43,7 @@ class ReLULayer final : public StandardLayer {
   ReLULayer(CORVALITH_DATATYPE dataType, Context* context) : StandardLayer(kTraits, dataType, context) {}
 
  protected:
-  std::unique_ptr<Impl> makeImpl() override { return make<ReluCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<ReluCPUImpl, ReluGPUImpl>(); }
 };
 
 CORVALITH_REGISTER_LAYER("ReLU", ReLULayer)

@@ -1,5 +1,6 @@
 // "Scale": y = x * scale + bias, both of x's channel.
 #include "cpu/simd/kernels.h"
+#include "gpu/one_kernel_impl.h"
 #include "layers/channel_values_layer.h"
 #include "layers/registry.h"
 
@@ -15,6 +16,17 @@ class ScaleCPUImpl final : public Impl {
     forEachPlane(*bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, int channel) {
       cpuKernels().scaleShift(x, y, n, scale[channel], bias[channel]);
     });
+    return 0;
+  }
+};
+
+class ScaleGPUImpl final : public OneKernelImpl<kernels::kScale> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block* scales, Block* biases) override {
+    const Shape s = tops[0]->shape();
+    kernel_.run(planeRange(s, 1, 32), buffer(bottoms[0]), buffer(scales), buffer(biases), buffer(tops[0]), s.c, s.w,
+                s.h);
     return 0;
   }
 };
@@ -38,7 +50,7 @@ class ScaleLayer final : public ChannelValuesLayer {
 
  protected:
   int readBody(RecordReader& reader, int) override { return takeWeightsAndBiases(reader); }
-  std::unique_ptr<Impl> makeImpl() override { return make<ScaleCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<ScaleCPUImpl, ScaleGPUImpl>(); }
 
  private:
   ScaleParam param_;

@@ -5,36 +5,49 @@
 #include <new>
 
 #include "core/log.h"
+#include "gpu/gpu_impl.h"
+#include "gpu/scratch.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
 namespace corvalith {
 namespace {
 
-class SoftmaxCPUImpl final : public Impl {
- public:
-  using Impl::Impl;
-  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+/// A tensor around one axis: `outer` matrices of `depth` rows and `inner` columns, one behind the other.
+struct AxisSplit {
+  AxisSplit(const void* record, const Shape& s) {
     const int axis = static_cast<const SoftmaxParam*>(record)->axis & 3;  // -4 to -1 count from the end
-    const Shape s = tops[0]->shape();
-    size_t outer = 1, inner = 1;
-    for (int d = 0; d < axis; ++d) outer *= static_cast<size_t>(s[d]);
-    for (int d = axis + 1; d < 4; ++d) inner *= static_cast<size_t>(s[d]);
-    const size_t depth = static_cast<size_t>(s[axis]);
-    const std::unique_ptr<float[]> largest(new (std::nothrow) float[inner]);
-    const std::unique_ptr<float[]> sum(new (std::nothrow) float[inner]);
-    if (largest == nullptr || sum == nullptr) return fail("SoftmaxGPUImpl memory alloc fail");
-    const float* x = floats(bottoms[0]);
-    float* y = floats(tops[0]);
-    for (size_t i = 0; i < outer; ++i, x += depth * inner, y += depth * inner) {
-      normalize(x, y, depth, inner, largest.get(), sum.get());
-    }
-    return 0;
+    for (int d = 0; d < axis; ++d) outer *= s[d];
+    depth = s[axis];
+    for (int d = axis + 1; d < 4; ++d) inner *= s[d];
+  }
+
+  int outer = 1, depth = 1, inner = 1;
+};
+
+/// The softmax on the host; its room for the largest value and the sum of each column.
+class HostSoftmax {
+ public:
+  /// Returns false when there is no memory.
+  bool allocateLargest(int columns) { return allocate(largest_, columns); }
+  bool allocateSum(int columns) { return allocate(sum_, columns); }
+
+  /// x and y may be the same.
+  void normalize(const float* x, float* y, const AxisSplit& split) {
+    const size_t depth = static_cast<size_t>(split.depth), inner = static_cast<size_t>(split.inner);
+    for (int i = 0; i < split.outer; ++i, x += depth * inner, y += depth * inner) softmaxCell(x, y, depth, inner);
   }
 
  private:
+  static bool allocate(std::unique_ptr<float[]>& values, int count) {
+    values.reset(new (std::nothrow) float[static_cast<size_t>(count)]);
+    return values != nullptr;
+  }
+
   /// Over `depth` rows of `inner` values, column by column.
-  static void normalize(const float* x, float* y, size_t depth, size_t inner, float* largest, float* sum) {
+  void softmaxCell(const float* x, float* y, size_t depth, size_t inner) {
+    float* const largest = largest_.get();
+    float* const sum = sum_.get();
     std::copy_n(x, inner, largest);
     for (size_t k = 1; k < depth; ++k) {
       for (size_t j = 0; j < inner; ++j) largest[j] = std::max(largest[j], x[k * inner + j]);
@@ -51,6 +64,138 @@ class SoftmaxCPUImpl final : public Impl {
       for (size_t j = 0; j < inner; ++j) y[k * inner + j] /= sum[j];
     }
   }
+
+  std::unique_ptr<float[]> largest_, sum_;
+};
+
+class SoftmaxCPUImpl final : public Impl {
+ public:
+  using Impl::Impl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const AxisSplit split(record, tops[0]->shape());
+    HostSoftmax host;
+    if (!host.allocateLargest(split.inner) || !host.allocateSum(split.inner)) {
+      return fail("SoftmaxGPUImpl memory alloc fail");
+    }
+    host.normalize(floats(bottoms[0]), floats(tops[0]), split);
+    return 0;
+  }
+};
+
+/// A buffer of floats in the host's hands, from a blocking map on.
+class MappedFloats {
+ public:
+  MappedFloats(cl_command_queue queue, cl_mem memory, int count) : queue_(queue), memory_(memory) {
+    ClInt status = kClSuccess;
+    void* const mapped =
+        opencl().clEnqueueMapBuffer(queue, memory, kClTrue, kClMapRead | kClMapWrite, 0,
+                                    static_cast<size_t>(count) * sizeof(float), 0, nullptr, nullptr, &status);
+    if (status == kClSuccess) values_ = static_cast<float*>(mapped);
+  }
+  ~MappedFloats() {
+    if (values_ != nullptr) opencl().clEnqueueUnmapMemObject(queue_, memory_, values_, 0, nullptr, nullptr);
+  }
+  MappedFloats(const MappedFloats&) = delete;
+  MappedFloats& operator=(const MappedFloats&) = delete;
+
+  float* get() const { return values_; }  // null: not mapped
+
+ private:
+  cl_command_queue queue_;
+  cl_mem memory_;
+  float* values_ = nullptr;
+};
+
+/// On the host, for the sake of exp's precision; a network in halves is converted to floats and back by the device.
+/// Waits for all that was queued before.
+class SoftmaxGPUImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int init(Blocks const& bottoms, Blocks const&, void* record, Block*, Block*) override {
+    if (allocateFloats(*bottoms[0]) != 0) return -1;
+    if (dataType_ == CORVALITH_FP16 &&
+        (halfToFloat_.fetch(gpu(), dataType_) != 0 || floatToHalf_.fetch(gpu(), dataType_) != 0)) {
+      return fail("set kernel failed");
+    }
+    return allocateColumns(AxisSplit(record, bottoms[0]->shape()));
+  }
+
+  int reshape(Blocks const& bottoms, Blocks const&, void* record, Block*, Block*) override {
+    if (allocateColumns(AxisSplit(record, bottoms[0]->shape())) != 0) return -1;
+    return allocateFloats(*bottoms[0]);
+  }
+
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const AxisSplit split(record, bottoms[0]->shape());
+    const int count = bottoms[0]->getSize();
+    const cl_mem in = buffer(bottoms[0]), out = buffer(tops[0]);
+    return dataType_ == CORVALITH_FP16 ? forwardHalf(in, out, split, count) : forwardFloat(in, out, split, count);
+  }
+
+ private:
+  int allocateFloats(const Block& bottom) {
+    if (bottomFP32_.allocate(context_, bottom.getSize(), CORVALITH_FP32) == 0) return 0;
+    return fail("SoftmaxGPUImpl bottomFP32 malloc failed");
+  }
+
+  int allocateColumns(const AxisSplit& split) {
+    if (!host_.allocateLargest(split.inner)) return fail("SoftmaxGPUImpl channelMax malloc failed");
+    if (!host_.allocateSum(split.inner)) return fail("SoftmaxGPUImpl channelSum malloc failed");
+    return 0;
+  }
+
+  int forwardFloat(cl_mem in, cl_mem out, const AxisSplit& split, int count) {
+    const MappedFloats x(gpu()->getCommandQueue(), in, count);
+    if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
+    const MappedFloats y(gpu()->getCommandQueue(), out, count);
+    if (y.get() == nullptr) return fail("SoftmaxGPUImpl mapTop map failed");
+    host_.normalize(x.get(), y.get(), split);
+    return 0;
+  }
+
+  int forwardHalf(cl_mem in, cl_mem out, const AxisSplit& split, int count) {
+    halfToFloat_.run(Range({count}), in, bottomFP32_.get());
+    {
+      const MappedFloats x(gpu()->getCommandQueue(), bottomFP32_.get(), count);
+      if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
+      host_.normalize(x.get(), x.get(), split);
+    }
+    floatToHalf_.run(Range({count}), bottomFP32_.get(), out);
+    return 0;
+  }
+
+  HostSoftmax host_;
+  DeviceBuffer bottomFP32_;  // the bottom of a network in halves
+  SharedKernel<kernels::kHalfToFloat> halfToFloat_;
+  SharedKernel<kernels::kFloatToHalf> floatToHalf_;
+};
+
+/// For axis 2, on the device.
+class SoftmaxGPUAxis2Impl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int init(Blocks const& bottoms, Blocks const& tops, void* record, Block* weight, Block* bias) override {
+    if (reshape(bottoms, tops, record, weight, bias) != 0) return -1;
+    return kernel_.fetch(gpu(), dataType_);
+  }
+
+  int reshape(Blocks const& bottoms, Blocks const&, void*, Block*, Block*) override {
+    const int count = bottoms[0]->getSize();
+    if (maxima_.allocate(context_, count, dataType_) != 0) return fail("SoftmaxGPUImpl channelMax malloc failed");
+    if (sums_.allocate(context_, count, dataType_) != 0) return fail("SoftmaxGPUImpl channelSum malloc failed");
+    return 0;
+  }
+
+  int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
+    const AxisSplit split(record, bottoms[0]->shape());
+    kernel_.run(Range({split.outer}), buffer(bottoms[0]), buffer(tops[0]), maxima_.get(), sums_.get(), split.depth,
+                split.inner, split.outer);
+    return 0;
+  }
+
+ private:
+  DeviceBuffer maxima_, sums_;  // room that the kernel may use
+  SharedKernel<kernels::kSoftmaxCell> kernel_;
 };
 
 constexpr LayerTraits kTraits{
@@ -76,7 +221,9 @@ class SoftmaxLayer final : public StandardLayer {
     return param_.axis >= -4 && param_.axis <= 3 ? 0 : fail("SoftmaxLayer axis error");
   }
 
-  std::unique_ptr<Impl> makeImpl() override { return make<SoftmaxCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override {
+    return param_.axis == 2 ? make<SoftmaxCPUImpl, SoftmaxGPUAxis2Impl>() : make<SoftmaxCPUImpl, SoftmaxGPUImpl>();
+  }
 
  private:
   SoftmaxParam param_;

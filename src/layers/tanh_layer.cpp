@@ -1,6 +1,7 @@
 // "Tanh": y = tanh(x), worked out in double precision.
 #include <cmath>
 
+#include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
 
@@ -15,6 +16,16 @@ class TanhCPUImpl final : public Impl {
     float* y = floats(tops[0]);
     const int count = tops[0]->getSize();
     for (int i = 0; i < count; ++i) y[i] = static_cast<float>(std::tanh(static_cast<double>(x[i])));
+    return 0;
+  }
+};
+
+class TanhGPUImpl final : public OneKernelImpl<kernels::kTanh> {
+ public:
+  using OneKernelImpl::OneKernelImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
+    const Shape s = tops[0]->shape();
+    kernel_.run(planeRange(s, 1, 32), buffer(bottoms[0]), buffer(tops[0]), s.c, s.h, s.w);
     return 0;
   }
 };
@@ -36,7 +47,7 @@ class TanhLayer final : public StandardLayer {
   TanhLayer(CORVALITH_DATATYPE dataType, Context* context) : StandardLayer(kTraits, dataType, context) {}
 
  protected:
-  std::unique_ptr<Impl> makeImpl() override { return make<TanhCPUImpl>(); }
+  std::unique_ptr<Impl> makeImpl() override { return make<TanhCPUImpl, TanhGPUImpl>(); }
 };
 
 CORVALITH_REGISTER_LAYER("Tanh", TanhLayer)

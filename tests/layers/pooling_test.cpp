@@ -16,6 +16,7 @@ LayerCase poolCase(std::string name, int kernel, int stride, int pad, std::vecto
   LayerCase c{std::move(name), layer("Pooling", "", {}, PoolingParam{kMaximum, kernel, pad, stride, 0}),
               std::move(sizes)};
   if (c.sizes.empty()) c.sizes = {{{2, 3, 9, 11}}, {{3, 4, 17, 39}}, {{1, 2, 7, 7}}, {{2, 5, 24, 24}}};
+  c.belowHalves = -60000;
   return c;
 }
 
