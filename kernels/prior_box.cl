@@ -1,15 +1,18 @@
 // The boxes of a detector's feature map, and their variances.
 
-// Writes a box, corners first, centred on `centre`, in parts of the image. NaNs stay where it is clipped.
-void KERNEL(putBox)(__global real* top, int box, float2 centre, float width, float height, float2 image,
-                                  int clip) {
-  const float2 reach = (float2)(width, height) / 2;
-  const float4 least = 0, most = 1;
-  float4 corners = (float4)(centre - reach, centre + reach) / (float4)(image, image);
-  if (clip != 0) {
-    corners = corners < least ? least : corners;
-    corners = corners > most ? most : corners;
-  }
+// NaNs stay where coordinates are clipped.
+float KERNEL(clipped)(float v, int clip) {
+  if (clip == 0) return v;
+  return v < 0.0f ? 0.0f : v > 1.0f ? 1.0f : v;
+}
+
+// Writes a box of this centre and size, corners first, in parts of the image.
+void KERNEL(putBox)(__global real* top, int box, float cx, float cy, float width, float height, float imageW,
+                    float imageH, int clip) {
+  const float4 corners = (float4)(KERNEL(clipped)((cx - width / 2) / imageW, clip),
+                                  KERNEL(clipped)((cy - height / 2) / imageH, clip),
+                                  KERNEL(clipped)((cx + width / 2) / imageW, clip),
+                                  KERNEL(clipped)((cy + height / 2) / imageH, clip));
   STORE4(corners, top, 4 * box);
 }
 
@@ -21,20 +24,19 @@ __kernel void KERNEL(prior_box)(__global const real* minSizes, __global const re
                                 int minCount, int maxCount, int ratioCount, int varianceCount, float offset,
                                 float stepW, float stepH, int imageW, int imageH, int priors, int clip) {
   const int h = get_global_id(0), w = get_global_id(1), layerW = get_global_size(1);
-  const float2 centre = (float2)((w + offset) * stepW, (h + offset) * stepH);
-  const float2 image = (float2)(imageW, imageH);
+  const float cx = (w + offset) * stepW, cy = (h + offset) * stepH;
   const int first = (h * layerW + w) * priors, end = first + priors;
   int box = first;
   for (int k = 0; k < minCount; ++k) {
     const float size = LOAD(minSizes, k);
-    if (box < end) KERNEL(putBox)(top, box++, centre, size, size, image, clip);
+    if (box < end) KERNEL(putBox)(top, box++, cx, cy, size, size, imageW, imageH, clip);
     if (maxCount > 0 && box < end) {
       const float side = sqrt(size * LOAD(maxSizes, min(k, maxCount - 1)));
-      KERNEL(putBox)(top, box++, centre, side, side, image, clip);
+      KERNEL(putBox)(top, box++, cx, cy, side, side, imageW, imageH, clip);
     }
     for (int r = 1; r < ratioCount && box < end; ++r) {
       const float root = sqrt(LOAD(ratios, r));
-      KERNEL(putBox)(top, box++, centre, size * root, size / root, image, clip);
+      KERNEL(putBox)(top, box++, cx, cy, size * root, size / root, imageW, imageH, clip);
     }
   }
   const int second = varianceCount == 1 ? 0 : 1, third = 2 * second, fourth = 3 * second;
