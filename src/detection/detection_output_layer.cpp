@@ -6,6 +6,7 @@
 #include "core/log.h"
 #include "detection/detection.h"
 #include "gpu/gpu_impl.h"
+#include "gpu/mapped.h"
 #include "gpu/scratch.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -49,31 +50,6 @@ class DetectionOuputCPUImpl final : public Impl {
 
  private:
   Detections result_;
-};
-
-/// A block of floats in host memory while this lives.
-class Mapped {
- public:
-  /// Null `data()` where the driver refuses.
-  Mapped(cl_command_queue queue, const Block& block) : queue_(queue), memory_(buffer(&block)) {
-    ClInt status = kClSuccess;
-    void* const data =
-        opencl().clEnqueueMapBuffer(queue_, memory_, kClTrue, kClMapRead | kClMapWrite, 0,
-                                    static_cast<size_t>(block.getSize()) * sizeof(float), 0, nullptr, nullptr, &status);
-    if (status == kClSuccess) data_ = static_cast<float*>(data);
-  }
-  ~Mapped() {
-    if (data_ != nullptr) opencl().clEnqueueUnmapMemObject(queue_, memory_, data_, 0, nullptr, nullptr);
-  }
-  Mapped(const Mapped&) = delete;
-  Mapped& operator=(const Mapped&) = delete;
-
-  const float* data() const { return data_; }
-
- private:
-  cl_command_queue queue_;
-  cl_mem memory_;
-  float* data_ = nullptr;
 };
 
 /// Finds the boxes on the host. In half, the inputs and the result go through blocks of floats, of which the result's
@@ -125,13 +101,13 @@ class DetectionOutputGPUImpl final : public GPUImpl {
   int find(const DetectionOutputParam& param, Blocks const& bottoms) {
     const Block &locBlock = input(bottoms, 0), &confBlock = input(bottoms, 1), &priorBlock = input(bottoms, 2);
     const cl_command_queue queue = gpu()->getCommandQueue();
-    const Mapped loc(queue, locBlock);
-    if (loc.data() == nullptr) return fail("DetectionOutputGPUImpl locData_ map failed");
-    const Mapped conf(queue, confBlock);
-    if (conf.data() == nullptr) return fail("DetectionOutputGPUImpl confData_ map failed");
-    const Mapped prior(queue, priorBlock);
-    if (prior.data() == nullptr) return fail("DetectionOutputGPUImpl priorData_ map failed");
-    result_.find(param, bottoms, loc.data(), conf.data(), prior.data());
+    const Mapped<float> loc(queue, buffer(&locBlock), locBlock.getSize());
+    if (loc.get() == nullptr) return fail("DetectionOutputGPUImpl locData_ map failed");
+    const Mapped<float> conf(queue, buffer(&confBlock), confBlock.getSize());
+    if (conf.get() == nullptr) return fail("DetectionOutputGPUImpl confData_ map failed");
+    const Mapped<float> prior(queue, buffer(&priorBlock), priorBlock.getSize());
+    if (prior.get() == nullptr) return fail("DetectionOutputGPUImpl priorData_ map failed");
+    result_.find(param, bottoms, loc.get(), conf.get(), prior.get());
     return 0;
   }
 

@@ -34,11 +34,6 @@ class ConvGPU : public GPUImpl {
 
   std::unique_ptr<ImplBlock> scratch(const Shape& s) const { return makeScratch(s, dataType_, context_); }
 
-  /// Whether the bytes of a half-precision model are as many as the kernels read.
-  bool preparedWeightsFit(const Block& weight, const Block& bias, int outputs) const {
-    return dataType_ == CORVALITH_FP16 && weight.getSize() >= weightSize_ && bias.getSize() / 2 >= outputs;
-  }
-
   const bool withAct_;
   std::unique_ptr<ImplBlock> padded_;  // the input with its borders, also in most classes when these are empty
 

@@ -4,37 +4,13 @@
 #include <limits>
 
 #include "core/log.h"
+#include "gpu/mapped.h"
 
 namespace corvalith {
 namespace {
 
 constexpr const char* kNoKernel = "set kernel failed";
 constexpr const char* kNoWeights = "ConvGPUWINOImpl weight buffer create fail";
-
-/// A buffer's memory for the host to read and write, until the end of the scope. Null when that failed.
-template <class Element>
-class Mapped {
- public:
-  Mapped(cl_command_queue queue, cl_mem mem, int64_t count) : queue_(queue), mem_(mem) {
-    ClInt status = kClSuccess;
-    void* const memory =
-        opencl().clEnqueueMapBuffer(queue, mem, kClTrue, kClMapRead | kClMapWrite, 0,
-                                    static_cast<size_t>(count) * sizeof(Element), 0, nullptr, nullptr, &status);
-    if (status == kClSuccess) memory_ = static_cast<Element*>(memory);
-  }
-  ~Mapped() {
-    if (memory_ != nullptr) opencl().clEnqueueUnmapMemObject(queue_, mem_, memory_, 0, nullptr, nullptr);
-  }
-  Mapped(const Mapped&) = delete;
-  Mapped& operator=(const Mapped&) = delete;
-
-  Element* get() const { return memory_; }
-
- private:
-  cl_command_queue queue_;
-  cl_mem mem_;
-  Element* memory_ = nullptr;
-};
 
 /// Where value e of output channel o and input channel c stands.
 size_t weightIndex(int o, int c, int e, int channels, const ConvGPUWINOImpl::Mode& mode) {

@@ -6,6 +6,7 @@
 
 #include "core/log.h"
 #include "gpu/gpu_impl.h"
+#include "gpu/mapped.h"
 #include "gpu/scratch.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -82,30 +83,6 @@ class SoftmaxCPUImpl final : public Impl {
   }
 };
 
-/// A buffer of floats in the host's hands, from a blocking map on.
-class MappedFloats {
- public:
-  MappedFloats(cl_command_queue queue, cl_mem memory, int count) : queue_(queue), memory_(memory) {
-    ClInt status = kClSuccess;
-    void* const mapped =
-        opencl().clEnqueueMapBuffer(queue, memory, kClTrue, kClMapRead | kClMapWrite, 0,
-                                    static_cast<size_t>(count) * sizeof(float), 0, nullptr, nullptr, &status);
-    if (status == kClSuccess) values_ = static_cast<float*>(mapped);
-  }
-  ~MappedFloats() {
-    if (values_ != nullptr) opencl().clEnqueueUnmapMemObject(queue_, memory_, values_, 0, nullptr, nullptr);
-  }
-  MappedFloats(const MappedFloats&) = delete;
-  MappedFloats& operator=(const MappedFloats&) = delete;
-
-  float* get() const { return values_; }  // null: not mapped
-
- private:
-  cl_command_queue queue_;
-  cl_mem memory_;
-  float* values_ = nullptr;
-};
-
 /// On the host, for the sake of exp's precision; a network in halves is converted to floats and back by the device.
 /// Waits for all that was queued before.
 class SoftmaxGPUImpl final : public GPUImpl {
@@ -145,9 +122,9 @@ class SoftmaxGPUImpl final : public GPUImpl {
   }
 
   int forwardFloat(cl_mem in, cl_mem out, const AxisSplit& split, int count) {
-    const MappedFloats x(gpu()->getCommandQueue(), in, count);
+    const Mapped<float> x(gpu()->getCommandQueue(), in, count);
     if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
-    const MappedFloats y(gpu()->getCommandQueue(), out, count);
+    const Mapped<float> y(gpu()->getCommandQueue(), out, count);
     if (y.get() == nullptr) return fail("SoftmaxGPUImpl mapTop map failed");
     host_.normalize(x.get(), y.get(), split);
     return 0;
@@ -156,7 +133,7 @@ class SoftmaxGPUImpl final : public GPUImpl {
   int forwardHalf(cl_mem in, cl_mem out, const AxisSplit& split, int count) {
     halfToFloat_.run(Range({count}), in, bottomFP32_.get());
     {
-      const MappedFloats x(gpu()->getCommandQueue(), bottomFP32_.get(), count);
+      const Mapped<float> x(gpu()->getCommandQueue(), bottomFP32_.get(), count);
       if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
       host_.normalize(x.get(), x.get(), split);
     }

@@ -1,16 +1,14 @@
 // Convolutions on the GPU: which class computes them with which launches, and what the case tables cannot see.
-#include <fstream>
 #include <typeinfo>
 
 #include "gpu/conv_depthwise.h"
 #include "gpu/conv_gemm.h"
-#include "layers/registry.h"
 #include "layers/weighted_layer.h"
 #include "tests/gpu/launches.h"
+#include "tests/gpu/prepared_weights.h"
 #include "tests/layers/conv_cases.h"
 #include "tests/support/half.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_dir.h"
 
 namespace corvalith::testing {
 namespace {
@@ -204,48 +202,6 @@ TEST_P(ConvGpu, ASteadyRunOnlySetsArgumentsAndLaunches) {
   EXPECT_EQ(calls, (std::map<std::string, int>()));
 }
 
-/// Writes a running convolution's half-precision record, and runs a layer made from it on the same input.
-void expectSameFromPreparedWeights(const LayerCase& c) {
-  const TempDir dir;
-  GpuNet net(networkOf(c), CORVALITH_FP16);
-  ASSERT_EQ(net.status(), 0);
-  const std::vector<Tensor> inputs = inputsOf(c, c.sizes[0]);
-  ASSERT_TRUE(feedAndRun(net, inputs));
-  Layer& full = *net.net.getLayerFromName("tested");
-  const std::vector<char> record = tools::layerRecord(networkOf(c)[1]);
-  std::ofstream dump(dir.file("record"), std::ios::binary);
-  const int written = full.setLayerParam(record.data(), static_cast<int>(record.size()), LOAD_DUMP, &dump);
-  dump.close();
-  std::ifstream file(dir.file("record"), std::ios::binary);
-  std::vector<char> prepared((std::istreambuf_iterator<char>(file)), {});
-  ASSERT_EQ(written, static_cast<int>(prepared.size()));
-
-  const auto load = [&](int missing) {
-    auto layer = RegisterFactory::registry()["Conv"](CORVALITH_FP16, &net.context);
-    LayerBasicParam basic;
-    std::memcpy(&basic, prepared.data(), sizeof basic);
-    basic.weightSize -= missing;
-    std::vector<char> image = prepared;
-    std::memcpy(image.data(), &basic, sizeof basic);
-    EXPECT_EQ(layer->setLayerParam(image.data(), static_cast<int>(image.size()), LOAD_NB, nullptr), 0);
-    EXPECT_EQ(layer->readData(), 0);
-    net.bench.device()->synchronize();
-    return layer;
-  };
-  const auto layer = load(0);
-  const std::vector<Layer*> producer = {net.net.getLayerFromName("in0")};
-  ASSERT_EQ(layer->initForward(producer), 0);
-  for (int run = 0; run < 2; ++run) {
-    ASSERT_EQ(layer->forward(), 0);
-    Tensor got = net.output("out");
-    ASSERT_EQ(layer->getTopData("out")->getCPUData(got.values.data()), 0);
-    EXPECT_TRUE(sameBits(got, net.output("out")));
-  }
-  LogCapture log;
-  EXPECT_EQ(load(2)->initForward(producer), -1) << "too few bytes";
-  EXPECT_EQ(log.take(), Lines{"E/convLayer impl init fail"});
-}
-
 TEST(ConvGpuModel, HalfPrecisionRecordsGiveTheSame) {
   for (const LayerCase& c : {convCase("two groups", 4, 6, {3, 2, 1, 1, 1, 1}, 2, {{{1, 4, 5, 5}}}),
                              convCase("4 channels", 3, 5, {3, 3, 2, 2, 1, 1}, 1, {{{1, 3, 7, 7}}}),
@@ -253,7 +209,7 @@ TEST(ConvGpuModel, HalfPrecisionRecordsGiveTheSame) {
                              convCase("pixels", 3, 89, {1, 1}, 1, {{{1, 3, 21, 21}}}),
                              convCase("depthwise", 3, 3, {3, 3}, 3, {{{1, 3, 7, 6}}})}) {
     SCOPED_TRACE(c.name);
-    expectSameFromPreparedWeights(c);
+    expectSameFromPreparedWeights(c, "E/convLayer impl init fail");
   }
 }
 
