@@ -1,8 +1,7 @@
 // 3 x 3 convolution with stride 1 through Winograd's F(2 x 2, 3 x 3).
 //
 // A tile is the 4 x 4 inputs that a 2 x 2 patch of the output sees; tile t = ty * tilesW + tx begins at input row
-// 2 * ty - padH and column 2 * tx - padW, with zeros outside. Tiles and weights are transformed to 16 values each, e =
-// 4
+// 2 * ty - padH and column 2 * tx - padW, with zeros outside. Tiles and weights are transformed to 16 values each, e = 4
 // * row + column. Products of values of the same e, summed over the channels, are the patch after transforming back.
 //
 // Transformed tiles in the plain order: image, channel, tile, e. In the others, so that a work group that sums over the
@@ -71,8 +70,8 @@ __kernel void KERNEL(Fast3x3_1)(__global const real* in, __global real* tile, in
   float4 rows[4];
   KERNEL(winoTransform)(in + plane * H * W, 2 * ty - padH, 2 * tx - padW, H, W, rows);
   const int to = ((plane * tilesH + ty) * tilesW + tx) * 16;
-  STORE8((float8)(rows[0], rows[1]), tile, to);
-  STORE8((float8)(rows[2], rows[3]), tile, to + 8);
+  STORE8(join(rows[0], rows[1]), tile, to);
+  STORE8(join(rows[2], rows[3]), tile, to + 8);
 }
 
 // `depth` is 16 times the group's input channels, `outputs` its output channels. One item per (image and output channel
@@ -142,8 +141,8 @@ void KERNEL(winoTransformInParts)(__global const real* in, __global real* tile, 
   const int blocks = (tilesH * tilesW + tileBlock - 1) / tileBlock, per = 16 / planes, panel = tileBlock * per;
   const int to = ((image * blocks + t / tileBlock) * planes * channels + c) * panel + t % tileBlock * per;
   if (planes == 2) {
-    STORE8((float8)(rows[0], rows[1]), tile, to);
-    STORE8((float8)(rows[2], rows[3]), tile, to + channels * panel);
+    STORE8(join(rows[0], rows[1]), tile, to);
+    STORE8(join(rows[2], rows[3]), tile, to + channels * panel);
   } else {
     for (int i = 0; i < 4; ++i) STORE4(rows[i], tile, to + i * channels * panel);
   }
