@@ -10,7 +10,7 @@ float4 KERNEL(depthwiseRow)(__global const real* plane, int y, int x, int height
   __global const real* const row = plane + y * width;
   if (!border) return LOAD4(row, x);
   const float4 near = LOAD4(row, max(x, 0));
-  const float4 values = x < 0 ? (float4)(0.0f, near.xyz) : near;
+  const float4 values = x < 0 ? (float4)(0.0f, near.x, near.y, near.z) : near;
   return select((float4)(0.0f), values, (int4)(x, x + 1, x + 2, x + 3) < width);
 }
 
@@ -47,10 +47,14 @@ void KERNEL(depthwiseS2)(__global const real* in, __global const real* w, __glob
   __global const real* const source = in + plane * inH * inW;
   const int y = 2 * (p / outW) - border, x = 2 * (p % outW) - border;
   const float8 k = LOAD8(w, 9 * c);
-  float3 sum = KERNEL(depthwiseRow)(source, y, x, inH, inW, border).xyz * k.s012;
-  sum += KERNEL(depthwiseRow)(source, y + 1, x, inH, inW, border).xyz * k.s345;
-  sum += KERNEL(depthwiseRow)(source, y + 2, x, inH, inW, border).xyz * (float3)(k.s67, LOAD(w, 9 * c + 8));
-  STORE(KERNEL(depthwiseActivate)(sum.x + sum.y + sum.z + LOAD(bias, c), act), out, plane * outH * outW + p);
+  const float4 a = KERNEL(depthwiseRow)(source, y, x, inH, inW, border);
+  const float4 b = KERNEL(depthwiseRow)(source, y + 1, x, inH, inW, border);
+  const float4 d = KERNEL(depthwiseRow)(source, y + 2, x, inH, inW, border);
+  float sum = LOAD(bias, c);
+  sum += a.x * k.s0 + a.y * k.s1 + a.z * k.s2;
+  sum += b.x * k.s3 + b.y * k.s4 + b.z * k.s5;
+  sum += d.x * k.s6 + d.y * k.s7 + d.z * LOAD(w, 9 * c + 8);
+  STORE(KERNEL(depthwiseActivate)(sum, act), out, plane * outH * outW + p);
 }
 
 #define DEPTHWISE_3X3(NAME, BODY, BORDER, ACT)                                                           \
