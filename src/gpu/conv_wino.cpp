@@ -132,7 +132,7 @@ int ConvGPUWINOImpl::prepareHalfWeights(Block* weight, int count, int Cout, int 
   SharedKernel<kernels::kHalfToFloat> widen;
   SharedKernel<kernels::kFloatToHalf> narrow;
   if (widen.fetch(gpu(), CORVALITH_FP16) != 0 || narrow.fetch(gpu(), CORVALITH_FP16) != 0) return fail(kNoKernel);
-  widen.run(Range({weight->getSize()}), buffer(weight), floats.get());
+  if (widen.run(Range({weight->getSize()}), buffer(weight), floats.get()) != kClSuccess) return -1;
   context_->synchronize();
   {
     const Mapped<float> to(gpu()->getCommandQueue(), transformed.get(), count);
@@ -142,9 +142,9 @@ int ConvGPUWINOImpl::prepareHalfWeights(Block* weight, int count, int Cout, int 
     convertWeight(from.get(), to.get(), Cout, CinG, mode());
   }
   context_->synchronize();
-  narrow.run(Range({count}), transformed.get(), weights_.get());
+  const ClInt status = narrow.run(Range({count}), transformed.get(), weights_.get());
   context_->synchronize();
-  return 0;
+  return status == kClSuccess ? 0 : -1;
 }
 
 /// Brings halves into the order of the present mode. Modes of floats never change.

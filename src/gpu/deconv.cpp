@@ -46,9 +46,9 @@ int DeconvGPU<kTranspose, kMultiply, kGather, kRows, kPixels>::init(Blocks const
   if (weight->getData() == nullptr) return fail("DeconvGPUImpl weight buf is null");
   if (weights_.allocate(context_, count, dataType_) != 0) return fail("DeconvGPUImpl weight buffer create fail");
   weightBuffer_ = weights_.get();
-  transpose(weight, weights_.get(), 0, conv.group, rowsOf(conv) / conv.group, in.c / conv.group);
+  const ClInt status = transpose(weight, weights_.get(), 0, conv.group, rowsOf(conv) / conv.group, in.c / conv.group);
   context_->synchronize();
-  return 0;
+  return status == kClSuccess ? 0 : -1;
 }
 
 template <const auto& kTranspose, const auto& kMultiply, const auto& kGather, int kRows, int kPixels>
@@ -65,13 +65,13 @@ int DeconvGPU<kTranspose, kMultiply, kGather, kRows, kPixels>::reshape(Blocks co
 
 /// Per group, the image's matrix of columns x rows becomes one of rows x columns.
 template <const auto& kTranspose, const auto& kMultiply, const auto& kGather, int kRows, int kPixels>
-void DeconvGPU<kTranspose, kMultiply, kGather, kRows, kPixels>::transpose(const Block* from, cl_mem to, int image,
-                                                                          int groups, int rows, int columns) {
+ClInt DeconvGPU<kTranspose, kMultiply, kGather, kRows, kPixels>::transpose(const Block* from, cl_mem to, int image,
+                                                                           int groups, int rows, int columns) {
   const int third = findMaxFactor(columns, 128);
   const int second = findMaxFactor(rows, 128 / third);
   const int first = findMaxFactor(groups, 128 / (third * second));
-  transpose_.run(Range({groups, rows, columns}, {first, second, third}), buffer(from), to, alignTo(columns, 8), image,
-                 groups);
+  return transpose_.run(Range({groups, rows, columns}, {first, second, third}), buffer(from), to, alignTo(columns, 8),
+                        image, groups);
 }
 
 template <const auto& kTranspose, const auto& kMultiply, const auto& kGather, int kRows, int kPixels>

@@ -25,7 +25,7 @@ class DeconvGPU : public GPUImpl {
   int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
 
  private:
-  void transpose(const Block* from, cl_mem to, int image, int groups, int rows, int columns);
+  ClInt transpose(const Block* from, cl_mem to, int image, int groups, int rows, int columns);
 
   SharedKernel<kTranspose> transpose_;
   SharedKernel<kMultiply> multiply_;

@@ -1,6 +1,8 @@
 // Small layers that reach every implementation class and every kernel between them.
 #pragma once
 
+#include <set>
+
 #include "tests/layers/conv_cases.h"
 #include "tests/support/gpu_slot.h"
 
@@ -133,6 +135,43 @@ inline std::vector<SmallCase> smallCases() {
     cases.push_back(convolution);
   }
   return cases;
+}
+
+/// One layer of every type, each with inputs of its own and named after its type; at their second sizes on demand.
+struct EveryType {
+  EveryType() {
+    DataParam image;
+    image.batch = image.channels = 1, image.height = image.width = 3, image.scale = 2;
+    layers.push_back(layer("Data", "Data", {}, image));
+    inputs.push_back({"Data", noise({1, 1, 3, 3}, 1), noise({2, 1, 5, 4}, 2)});
+    for (const SmallCase& small : smallCases()) {
+      const LayerCase& c = small.layerCase;
+      if (!types.insert(c.layer.type).second) continue;
+      tools::ModelLayer tested = c.layer;
+      tested.name = c.layer.type;
+      tested.tops = {c.layer.type};
+      const std::vector<Tensor> first = inputsOf(c, c.sizes.front()), second = inputsOf(c, c.sizes.back());
+      for (size_t i = 0; i < first.size(); ++i) {
+        tested.bottoms.push_back(c.layer.type + std::to_string(i));
+        layers.push_back(inputLayer(tested.bottoms.back(), first[i].shape));
+        inputs.push_back({tested.bottoms.back(), first[i], second[i]});
+      }
+      layers.push_back(tested);
+    }
+  }
+
+  struct Input {
+    std::string layer;
+    Tensor first, second;
+  };
+  std::vector<tools::ModelLayer> layers;
+  std::vector<Input> inputs;
+  std::set<std::string> types = {"InputData", "Data"};
+};
+
+inline const EveryType& everyType() {
+  static const EveryType all;
+  return all;
 }
 
 }  // namespace corvalith::testing
