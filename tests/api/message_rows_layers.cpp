@@ -330,7 +330,6 @@ std::vector<Row> layerRows() {
       {"Dropout", E, "dropout reshape fail", publicly(outOfMemoryInRun)},
       {"Dropout", E, "dropoutLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
       {"Dropout", E, "DropoutCPUImpl memcpy size must be bigger than 0", onClass(implOnEmptyInput)},
-      {"DropoutGPUImpl", E, "set kernel failed", because(kNoGpu)},
 
       // ---- Shapes and combinations
       {"Concat", E, "Unmatched concat layer's basic parameter", publicly(shortRecord)},
@@ -369,7 +368,6 @@ std::vector<Row> layerRows() {
       {"Eltwise", E, "EltwiseLayer reshape top count error", onClass(reshapedWithoutTop)},
       {"Eltwise", E, "eltwise reshape fail", publicly(resized(valid("Eltwise"), {1, 3, 5, 4}))},
       {"Eltwise", E, "eltwiseLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
-      {"the Eltwise GPU implementations", E, "set kernel failed", because(kNoGpu)},
 
       {"Crop", E, "Error: Unmatched Crop layer's basic parameter %d %zu", publicly(shortRecord)},
       {"Crop", E, "CropLayer bottom count error", publicly(wrongBottoms)},
@@ -381,7 +379,6 @@ std::vector<Row> layerRows() {
        refusedLater<CropParam>("Crop", [](CropParam& p) { p.axis = 1; })},
       {"Crop", E, "Crop reshape fail", publicly(resized(valid("Crop"), {1, 3, 3, 4}))},
       {"Crop", E, "CropLayer impl reshape fail", onClass(reshapeWithBrokenImpl)},
-      {"CropGPUImpl", E, "Error: clEnqueueNDR error, err: %d\n", because(kNoGpu)},
 
       {"Flatten", E, "Error: Unmatched flatten layer's basic parameter", publicly(shortRecord)},
       {"Flatten", E, "Error: Unmatched flatten layer's special parameter", publicly(wrongSpecial)},
@@ -455,15 +452,6 @@ std::vector<Row> layerRows() {
       {"PriorBox", E, "maxSizeSize must be equal to minSizeSize", publicly(runWithUnequalSizes)},
       {"PriorBox, reshape", E, "PriorBoxLayer bottom count error", onClass([] { reshapedTooEarly("PriorBox"); })},
       {"PriorBox", E, "PriorBoxLayer reshape fail", publicly(outOfMemoryInRun)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl minSizeBuffer_ create fail", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl maxSizeBuffer_ create fail", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl ratioBuffer_ create fail", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl varsBuffer_ create fail", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl minSize data 2 device failed", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl ratios data 2 device failed", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl variance data 2 device failed", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "PriorBoxGPUImpl maxSize data 2 device failed", because(kNoGpu)},
-      {"PriorBoxGPUImpl", E, "Error: clEnqueueNDR error, err: %d\n", because(kNoGpu)},
 
       {"DetectionOutput", E, "Error: Unmatched DetectionOUput layer's basic parameter", publicly(shortRecord)},
       {"DetectionOutput", E, "Error: Unmatched DetectionOutput layer's special parameter", publicly(wrongSpecial)},
@@ -476,11 +464,6 @@ std::vector<Row> layerRows() {
       {"DetectionOutput", E, "DetectionOutputLayer reshape top count error", onClass(reshapedWithoutTop)},
       {"DetectionOutput", E, "DetectionOutputLayer impl reshape fail",
        publicly(resized(valid("DetectionOutput"), {1, 5, 1, 1}))},
-      {"DetectionOutputGPUImpl", E, "set kernel failed", because(kNoGpu)},
-      {"DetectionOutputGPUImpl", E, "DetectionOutputGPUImpl locData_ map failed", because(kNoGpu)},
-      {"DetectionOutputGPUImpl", E, "DetectionOutputGPUImpl confData_ map failed", because(kNoGpu)},
-      {"DetectionOutputGPUImpl", E, "DetectionOutputGPUImpl priorData_ map failed", because(kNoGpu)},
-      {"DetectionOutputGPUImpl", E, "DetectionOutput write buffer failed!", because(kNoGpu)},
   };
 }
 

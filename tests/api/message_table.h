@@ -52,12 +52,11 @@ struct Row {
   int times = 1;  // how often the scenario logs it at least: more where several places have one text
 };
 
-constexpr const char* kNoGpu = "only a GPU implementation logs it that is not there yet";
-
 /// The parts of the table.
-std::vector<Row> publicRows();  // the exported functions and the agent
-std::vector<Row> coreRows();    // blocks, devices, the model image and the network
-std::vector<Row> layerRows();   // layer types and implementations
-std::vector<Row> gpuRows();     // GPU devices and implementations; none where the tests have no GPU
+std::vector<Row> publicRows();    // the exported functions and the agent
+std::vector<Row> coreRows();      // blocks, devices, the model image and the network
+std::vector<Row> layerRows();     // layer types and their CPU implementations
+std::vector<Row> gpuRows();       // GPU devices, and what GPU implementations have in common
+std::vector<Row> gpuLayerRows();  // the layers' GPU implementations; like gpuRows() none where the tests have no GPU
 
 }  // namespace corvalith::testing

@@ -86,7 +86,7 @@ Lines logOfAgent(Calls calls) {
 
 TEST(MessageTable, EveryTextIsProvokedOrExplained) {
   std::vector<Row> table;
-  for (const std::vector<Row>& part : {publicRows(), coreRows(), layerRows(), gpuRows()}) {
+  for (const std::vector<Row>& part : {publicRows(), coreRows(), layerRows(), gpuRows(), gpuLayerRows()}) {
     table.insert(table.end(), part.begin(), part.end());
   }
   int ways[4] = {};
