@@ -132,6 +132,13 @@ class PlainImpl : public GPUImpl {
   using GPUImpl::GPUImpl;
   int forward(Blocks const&, Blocks const&, void*, Block*, Block*) override { return 0; }
   void setWeights(void* weights) { weightBuffer_ = weights; }
+  /// What refuses to work without a context.
+  void useAll() {
+    EXPECT_EQ(init({}, {}, nullptr, nullptr, nullptr), -1);
+    padding(nullptr, nullptr, 1, 1);
+    im2colAlign(nullptr, nullptr, nullptr, 1, 1, 3, 3, 1, 1, 1);
+    im2colAlign1xX(nullptr, nullptr, nullptr, 1, 1, 3, 3, 1, 1, 24);
+  }
 };
 
 /// Dumping to a closed stream, with and without weights.
@@ -230,10 +237,7 @@ std::vector<Row> gpuRows() {
        whenItFails("clEnqueueMapBuffer", onBuffer(f32, dumpRaw))},
       {"GPUDevice", E, "write size is wrong", whenItFails("none", onBuffer(f32, dumpRawToNowhere))},
       {"GPUImpl", E, "set kernel failed", whenItFails("clCreateKernel", initialiseImpl, 4)},
-      {"GPUImpl", E, "static_cast context failed", onClass([] {
-         PlainImpl impl(CORVALITH_FP32, nullptr);
-         EXPECT_EQ(impl.init({}, {}, nullptr, nullptr, nullptr), -1);
-       })},
+      {"GPUImpl", E, "static_cast context failed", onClass([] { PlainImpl(CORVALITH_FP32, nullptr).useAll(); }), 4},
       {"GPUImpl", E, "static_cast failed!", onClass([] { PlainImpl(CORVALITH_FP32, nullptr); })},
       {"GPUImpl", E, "dump weight buffer err",
        whenItFails("none", onBuffer(f32, [](GPUDevice& d, void* mem) { return dumpWeights(d, mem, 8); }))},
