@@ -157,7 +157,7 @@ SmallCase caseOf(const Text& row) {
   throw std::logic_error("too few cases of " + implementation);
 }
 
-/// More and larger images than at first, so that nothing fits into the memory that is there.
+/// Many more images than at first, so that nothing fits into the memory that is there.
 std::vector<Tensor> grown(const LayerCase& c) {
   std::vector<Shape> sizes = c.sizes.back();
   for (Shape& size : sizes) size.n *= 16;
@@ -182,6 +182,7 @@ int failAt(GPUDevice& device, const LayerCase& c, const Text& row, int n) {
   }
   device.synchronize();
   const int calls = rig::calls()[row.function];
+  EXPECT_EQ(rig::faults(), Lines());
   rig::reset();
   return calls;
 }
@@ -193,7 +194,6 @@ void failEachCall(const Text& row) {
   constexpr int kNever = 1 << 20;
   failAt(*bench.device(), small.layerCase, row, kNever);  // the device keeps kernels of its own from then on
   for (int n = 1; failAt(*bench.device(), small.layerCase, row, n) >= n;) ++n;
-  EXPECT_EQ(rig::faults(), Lines());
 }
 
 /// With the plain GPU; afterwards the engine's own manager is to find none.
