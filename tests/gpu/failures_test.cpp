@@ -423,7 +423,7 @@ TEST_F(FailuresTest, SetUp) {
 
 TEST_F(FailuresTest, MemoryOperations) { failEachCall(operations()); }
 
-TEST_F(FailuresTest, Networks) { failEachCall(networkOperations()); }
+TEST_F(FailuresTest, Networks) { failEachCallOnOneDevice(networkOperations()); }
 
 TEST_F(FailuresTest, EveryLayerTypeInFloat) { failEachCallOnOneDevice(everyTypeOperations(CORVALITH_FP32)); }
 
