@@ -36,6 +36,12 @@ BenchCase conv(const std::string& name, int outputs, const Kernel& k, const Shap
   return {name, convCase("", in.c, outputs, k, group, {{in}}), 2 * products, gpu};
 }
 
+/// For the kernels that only exist with a fused ReLU.
+BenchCase withRelu(BenchCase c) {
+  c.layerCase.layer.activation = CONV_ACT_RELU;
+  return c;
+}
+
 BenchCase deconv(const std::string& name, int channels, int outputs, const Kernel& k, int group, int size) {
   const double products = double(size) * size * channels * (outputs / group) * k.h * k.w;
   return {name, smallDeconv(channels, outputs, k, group, {1, channels, size, size}), 2 * products};
@@ -78,6 +84,7 @@ std::vector<BenchCase> benchCases() {
       {"Reshape 64x112x112", {"", layer("Reshape", "", {}, ReshapeParam{{0, -1, 1, 112}, 0, -1}), {{map}}}},
       {"Permute 64x112x112", {"", layer("Permute", "", {}, PermuteParam{4, {0, 2, 3, 1}}), {{map}}}},
       {"Softmax 1000x8x8", {"", layer("Softmax", "", {}, SoftmaxParam{1}), {{classes}}}},
+      {"Softmax axis 2 128x21x81", {"", layer("Softmax", "", {}, SoftmaxParam{2}), {{{1, 128, 21, 81}}}}},
       {"PriorBox 64x56x56", {"", layer("PriorBox", "", {}, priors), {{small, {1, 3, 448, 448}}}}},
       {"max 3x3 s2 64x112x112", {"", layer("Pooling", "", {}, PoolingParam{0, 3, 1, 2, 0}), {{map}}}},
       {"average 2x2 s2 64x112x112", {"", layer("Pooling", "", {}, PoolingParam{1, 2, 0, 2, 0}), {{map}}}},
@@ -85,12 +92,16 @@ std::vector<BenchCase> benchCases() {
 
       conv("Conv 3x3 group 2 64->64 28x28", 64, {3, 3, 2, 2, 1, 1}, {1, 64, 56, 56}, 2),
       conv("Conv 3x3 s2 64->128 56x56", 128, {3, 3, 2, 2, 1, 1}, small),
+      conv("Conv 3x3 s2 64->64 56x56", 64, {3, 3, 2, 2, 1, 1}, small),
+      conv("Conv 5x5 16->64 28x28", 64, {5, 5, 1, 1, 2, 2}, {1, 16, 28, 28}),
       conv("Conv 1x1 s2 256->1536 28x28", 1536, {1, 1, 2, 2}, {1, 256, 28, 28}),
       conv("Conv 1x1 256->128 28x28", 128, {1, 1}, {1, 256, 28, 28}),
       conv("Depthwise 3x3 128x56x56", 128, {3, 3}, {1, 128, 56, 56}, 128),
       conv("Depthwise 3x3 p1 128x56x56", 128, border, {1, 128, 56, 56}, 128),
+      withRelu(conv("Depthwise 3x3 p1 ReLU 128x56x56", 128, border, {1, 128, 56, 56}, 128)),
       conv("Depthwise 3x3 s2 128x56x56", 128, {3, 3, 2, 2}, {1, 128, 56, 56}, 128),
       conv("Depthwise 3x3 s2 p1 128x56x56", 128, {3, 3, 2, 2, 1, 1}, {1, 128, 56, 56}, 128),
+      withRelu(conv("Depthwise 3x3 s2 p1 ReLU 128x56x56", 128, {3, 3, 2, 2, 1, 1}, {1, 128, 56, 56}, 128)),
       conv("Depthwise 5x5 128x56x56", 128, {5, 5, 1, 1, 2, 2}, {1, 128, 56, 56}, 128),
       conv("Conv 3x3 64->63 56x56", 63, border, small),
       conv("Conv 3x3 64->64 56x56", 64, border, small),
