@@ -58,9 +58,11 @@ class GPUImpl : public Impl {
   void im2colAlign1xX(const Block* in, Block* padded, Block* col, int padW, int padH, int kernelH, int kernelW,
                       int strideH, int strideW, int x);
 
-  /// Whether the bytes of a half-precision model are as many as the kernels read, once the weights' size is set.
+  /// Whether the bytes of a half-precision model are this implementation's, once the weights' size is set. There may be
+  /// more biases than outputs, as in a full model.
   bool preparedWeightsFit(const Block& weight, const Block& bias, int outputs) const {
-    return dataType_ == CORVALITH_FP16 && weight.getSize() >= weightSize_ && bias.getSize() / 2 >= outputs;
+    return dataType_ == CORVALITH_FP16 && weight.getSize() == weightSize_ && bias.getSize() % 2 == 0 &&
+           bias.getSize() / 2 >= outputs;
   }
 
   GPUContext* gpu() const { return static_cast<GPUContext*>(context_); }

@@ -5,7 +5,8 @@
 namespace corvalith {
 
 int WeightedLayer::setLayerParam(char const* data, int size, int mode, std::ofstream* dump) {
-  if (mode == LOAD_DUMP) return dumpRecord(data, size, dump);
+  // What came from a half-precision model is copied as it is.
+  if (mode == LOAD_DUMP) return nbModel_ ? 0 : dumpRecord(data, size, dump);
   return StandardLayer::setLayerParam(data, size, mode, dump);
 }
 

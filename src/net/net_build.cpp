@@ -38,6 +38,7 @@ int Net::parserModel(std::shared_ptr<Model> model) {
   }
   if (model->isNbModel()) {
     thread1(this);
+    context_->synchronize();  // the weights are written from the image, which may go afterwards
     logDebug("read without thread");
   }
   state_ = State::kParsed;
