@@ -13,6 +13,7 @@
 
 #include "core/kernels.h"
 #include "core/profile.h"
+#include "gpu/gpu_impl.h"
 #include "tests/gpu/small_cases.h"
 
 namespace {
@@ -276,6 +277,34 @@ void measure(const BenchCase& c, CORVALITH_DATATYPE type, int runs, double cpu, 
   table.prepared(c, once, cpu);
 }
 
+/// The base's operation that no layer uses: it unfolds what the given convolution, without groups, would multiply.
+class UnfoldingImpl final : public GPUImpl {
+ public:
+  using GPUImpl::GPUImpl;
+  int forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* padded, Block*) override {
+    const ConvParam& p = *static_cast<const ConvParam*>(param);
+    im2colAlign(bottoms[0], padded, tops[0], p.pad_w, p.pad_h, p.kernel_h, p.kernel_w, p.stride_h, p.stride_w, 1);
+    return 0;
+  }
+};
+
+void measureUnfolding(const BenchCase& c, CORVALITH_DATATYPE type, int runs, double cpu, Table& table) {
+  ConvParam p = c.layerCase.layer.specialAs<ConvParam>();
+  const Shape s = c.layerCase.sizes[0][0];
+  const int positions = (s.h + 2 * p.pad_h - p.kernel_h + 1) * (s.w + 2 * p.pad_w - p.kernel_w + 1);
+  GpuSlot slot(type);
+  Block in(s.n, s.c, s.h, s.w, type, &slot.context);
+  Block padded(s.n, s.c, s.h + 2 * p.pad_h, s.w + 2 * p.pad_w, type, &slot.context);
+  Block col(s.n, 1, positions, alignTo(s.c * p.kernel_h * p.kernel_w, 16), type, &slot.context);
+  UnfoldingImpl impl(type, &slot.context);
+  require(impl.init({}, {}, nullptr, nullptr, nullptr) == 0, c.name);
+  impl.forward({&in}, {&col}, &p, &padded, nullptr);
+  profile::initProfile();
+  for (int i = 0; i < runs; ++i) impl.forward({&in}, {&col}, &p, &padded, nullptr);
+  slot.context.synchronize();
+  table.forward(c, takeTimes(runs), cpu);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -291,6 +320,10 @@ int main(int argc, char** argv) {
   for (const BenchCase& c : benchCases()) {
     const double cpu = cpuTime(c, runs);
     for (const CORVALITH_DATATYPE type : {CORVALITH_FP32, CORVALITH_FP16}) measure(c, type, runs, cpu, table);
+  }
+  const BenchCase unfolded = conv("unfolding 5x5 16x28x28", 64, {5, 5, 1, 1, 2, 2}, {1, 16, 28, 28});
+  for (const CORVALITH_DATATYPE type : {CORVALITH_FP32, CORVALITH_FP16}) {
+    measureUnfolding(unfolded, type, runs, cpuTime(unfolded, runs), table);
   }
   std::printf("%d rows are slow\n", table.slow());
   return table.missing() == 0 ? 0 : 1;

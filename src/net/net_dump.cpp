@@ -14,7 +14,10 @@ namespace {
 /// removed.
 class HalfModelFile {
  public:
-  explicit HalfModelFile(char const* path) : out_(path, std::ios::binary) {}
+  explicit HalfModelFile(char const* path) {
+    out_.rdbuf()->pubsetbuf(nullptr, 0);  // a full disk shows at once; all large writes are whole anyway
+    out_.open(path, std::ios::binary);
+  }
 
   bool isOpen() const { return out_.is_open(); }
   std::ofstream& stream() { return out_; }
@@ -38,7 +41,7 @@ class HalfModelFile {
   int patchHeader(LayerTypeHeader header, int size) {
     header.recordSize = static_cast<uint32_t>(size);
     const std::streampos end = out_.tellp();
-    if (out_.fail()) return giveUp("ftell failed");
+    if (end == std::streampos(-1)) return giveUp("ftell failed");
     out_.seekp(end - std::streamoff{size} - static_cast<std::streamoff>(sizeof header));
     if (out_.fail()) return giveUp("fseek failed");
     if (!write(reinterpret_cast<const char*>(&header), sizeof header)) return giveUp("write layer des failed");

@@ -1,12 +1,10 @@
 // Half-precision models through the public functions: written by a half-precision slot, and loaded by another.
-#include <sys/resource.h>
-
-#include <csignal>
 #include <cstring>
 #include <iterator>
 
 #include "tests/detection/printed.h"
 #include "tests/gpu/small_cases.h"
+#include "tests/support/file_size_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/public_agent.h"
 
@@ -196,25 +194,6 @@ Network twoLayers() {
   return network;
 }
 
-/// While it lives, files end at so many bytes.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit limit = before_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-
- private:
-  void (*handler_)(int);
-  rlimit before_{};
-};
-
 TEST_F(HalfModel, NothingIsLeftOfADumpThatFails) {
   const Network network = twoLayers();
   PublicAgent agent({kHalfSlot});
@@ -222,7 +201,9 @@ TEST_F(HalfModel, NothingIsLeftOfADumpThatFails) {
   const std::vector<Tensor> want = outputsOf(agent, network);
   const size_t size = bytesOf(dir_.file("whole.nb")).size();
   // A full disk, at every part of the file.
-  for (size_t limit = 0; limit < size; limit += limit + 31 < size ? 31 : size - limit - 1 > 0 ? size - limit - 1 : 1) {
+  std::vector<size_t> limits{size - 1};
+  for (size_t limit = 0; limit < size; limit += 31) limits.push_back(limit);
+  for (const size_t limit : limits) {
     SCOPED_TRACE(limit);
     const FileSizeLimit fullDisk(limit);
     EXPECT_EQ(dump(agent, dir_.file("net.nb")), -1);

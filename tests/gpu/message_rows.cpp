@@ -1,11 +1,16 @@
 // The texts that need a GPU, provoked over the rig.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 
 #include "gpu/gpu_impl.h"
 #include "tests/api/message_table.h"
+#include "tests/gpu/small_cases.h"
 #include "tests/support/allocation_faults.h"
+#include "tests/support/file_size_limit.h"
 #include "tests/support/gpu_slot.h"
 #include "tests/support/temp_dir.h"
 
@@ -13,6 +18,7 @@ namespace corvalith::testing {
 namespace {
 
 constexpr int kStatus = -5;
+constexpr size_t kNoLimit = 1 << 20, kDescriptor = sizeof(NetDescriptor), kHeader = sizeof(LayerTypeHeader);
 
 /// The engine's own manager, which the other rows use, is to find no GPU.
 [[maybe_unused]] const bool kNoGpuElsewhere = (rig::settings().names.clear(), true);
@@ -167,6 +173,48 @@ int dataNet(GPUDevice& device) {
   return net.status() != 0 ? net.status() : net.setInput("data", input);
 }
 
+/// A network with weights writes its half-precision copy from this image of a model.
+int dumpFromImage(GPUDevice& device, std::vector<char> (*image)(std::vector<char> whole), const std::string& path) {
+  const std::vector<tools::ModelLayer> layers = networkOf(smallFc(1, 4, 2));
+  GPUContext context(&device, CORVALITH_FP16);
+  BuiltNet net(layers, context);
+  const auto model = std::make_shared<Model>();
+  const std::vector<char> bytes = image(tools::modelBytes("net", layers));
+  model->loadModelDataFromMemory(bytes.data(), static_cast<int>(bytes.size()));
+  return net.net.parserModelForDump(model, path.c_str());
+}
+
+std::vector<char> whole(std::vector<char> model) { return model; }
+
+/// To a file of so many bytes at most.
+OnDevice dumpFrom(std::vector<char> (*image)(std::vector<char> whole), size_t fileSize) {
+  return [=](GPUDevice& device) {
+    const TempDir dir;
+    const FileSizeLimit limit(fileSize);
+    return dumpFromImage(device, image, dir.file("half"));
+  };
+}
+
+OnDevice dumpToDiskOf(size_t bytes) { return dumpFrom(whole, bytes); }
+
+/// The first `kBytes` of a model.
+template <size_t kBytes>
+std::vector<char> cut(std::vector<char> model) {
+  model.resize(kBytes);
+  return model;
+}
+
+/// A pipe cannot be written again.
+int dumpToPipe(GPUDevice& device) {
+  const TempDir dir;
+  const std::string pipe = dir.file("pipe");
+  mkfifo(pipe.c_str(), 0600);
+  const int reader = open(pipe.c_str(), O_RDWR);
+  const int status = dumpFromImage(device, whole, pipe);
+  close(reader);
+  return status;
+}
+
 }  // namespace
 
 std::vector<Row> gpuRows() {
@@ -243,6 +291,20 @@ std::vector<Row> gpuRows() {
        whenItFails("none", onBuffer(f32, [](GPUDevice& d, void* mem) { return dumpWeights(d, mem, 8); }))},
       {"GPUImpl", E, "dump bias buffer err",
        whenItFails("none", onBuffer(f32, [](GPUDevice& d, void* mem) { return dumpWeights(d, mem, 0); }))},
+      {"Net", E, "get data ptr failed", whenItFails("none", dumpFrom(cut<100>, kNoLimit))},
+      {"Net, type header", E, "get data ptr failed", whenItFails("none", dumpFrom(cut<kDescriptor + 50>, kNoLimit))},
+      {"Net, record", E, "get data ptr failed",
+       whenItFails("none", dumpFrom(cut<kDescriptor + kHeader + 50>, kNoLimit))},
+      {"Net", E, "write net des failed", whenItFails("none", dumpToDiskOf(0))},
+      {"Net, dump", D, "model information err",
+       whenItFails("none", dumpFrom([](std::vector<char>) { return std::vector<char>(kDescriptor); }, kNoLimit))},
+      {"Net", E, "write layer des failed", whenItFails("none", dumpToDiskOf(kDescriptor))},
+      {"Net, copied record", E, "write layer des failed", whenItFails("none", dumpToDiskOf(kDescriptor + kHeader))},
+      {"Net", E, "ftell failed", whenItFails("none", dumpToPipe)},
+      {"Net", E, "fseek failed", because("a file that tells its position can be positioned")},
+      {"Net", E, "write dump failed message failed",
+       whenItFails("none", dumpToDiskOf(kDescriptor + 2 * kHeader + sizeof(LayerBasicParam) + sizeof(InputDataParam)))},
+      {"Net", D, "set layer param err", whenItFails("clCreateBuffer", dumpToDiskOf(kNoLimit), 5)},
       {"InputData, Data", E, "Context type cast failed!", because("a GPU device is given no context but its own kind")},
       {"InputData, Data", E, "InputDataLayer write buffer failed!", whenItFails("clEnqueueWriteBuffer", dataNet, 2)},
       {"DataGPUImpl", E, "set kernel failed", whenItFails("clCreateKernel", dataNet, 2)},
