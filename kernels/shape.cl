@@ -46,17 +46,17 @@ __kernel void KERNEL(reshape)(__global const real* in, __global real* top) {
   COPY(in, i, top, i);
 }
 
+int KERNEL(ofAxis)(int axis, int n, int c, int h, int w) { return axis < 2 ? (axis == 0 ? n : c) : axis == 2 ? h : w; }
+
 // Axis d of the top is axis order[d] of the (N, C, H, W) input. One item per (plane, row, column) of the input; columns
 // are rounded up.
 __kernel void KERNEL(swapaxes)(__global const real* in, __global real* top, int N, int C, int H, int W, int order0,
                                int order1, int order2, int order3) {
   const int plane = get_global_id(0), y = get_global_id(1), x = get_global_id(2);
   if (x >= W) return;
-  const int size[4] = {N, C, H, W};
-  int step[4];  // in the top, for one step along each axis of the input
-  step[order3] = 1;
-  step[order2] = size[order3];
-  step[order1] = size[order2] * step[order2];
-  step[order0] = size[order1] * step[order1];
-  COPY(in, (plane * H + y) * W + x, top, plane / C * step[0] + plane % C * step[1] + y * step[2] + x * step[3]);
+  const int i0 = KERNEL(ofAxis)(order0, plane / C, plane % C, y, x);
+  const int i1 = KERNEL(ofAxis)(order1, plane / C, plane % C, y, x), size1 = KERNEL(ofAxis)(order1, N, C, H, W);
+  const int i2 = KERNEL(ofAxis)(order2, plane / C, plane % C, y, x), size2 = KERNEL(ofAxis)(order2, N, C, H, W);
+  const int i3 = KERNEL(ofAxis)(order3, plane / C, plane % C, y, x), size3 = KERNEL(ofAxis)(order3, N, C, H, W);
+  COPY(in, (plane * H + y) * W + x, top, ((i0 * size1 + i1) * size2 + i2) * size3 + i3);
 }
