@@ -47,7 +47,8 @@ class ConvGpu : public RigTest, public ::testing::WithParamInterface<CORVALITH_D
     SCOPED_TRACE(c.name + (c.layer.activation == CONV_ACT_RELU ? ", ReLU" : ""));
     GpuNet net(networkOf(c), GetParam());
     ASSERT_EQ(net.status(), 0);
-    EXPECT_EQ(typeid(implOf(net)), implementation) << typeid(implOf(net)).name();
+    const Impl& impl = implOf(net);
+    EXPECT_EQ(typeid(impl), implementation) << typeid(impl).name();
     for (const std::vector<Shape>& size : stepsOf(c)) runAt(net, c, size);
     if (!launches.empty()) {
       EXPECT_EQ(launches_, launches);

@@ -30,7 +30,7 @@ std::vector<LayerCase> convCases() {
                {{{1, 4, 55, 55}}, {{1, 4, 56, 56}}, {{1, 4, 55, 56}}}),
       convCase("weights beyond one cache block", 64, 80, {3, 3, 1, 1, 1, 1}, 1, {{{1, 64, 6, 7}}}),
   };
-  cases[12].halfTolerance = 5e-3;  // two outputs, both small beside what they are made of
+  cases[12].halfTolerance = 5e-3;              // two outputs, both small beside what they are made of
   for (const int depth : {999, 1000, 2001}) {  // one, two and three chunks
     cases.push_back(convCase("depth " + std::to_string(depth), depth, 4, {1, 1}, 1, {{{1, depth, 3, 5}}}));
   }
