@@ -1,9 +1,11 @@
 // The command line of `corvalith`. What its subcommands do is in commands/.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
 #include <new>
 
 #include "tools/commands/commands.h"
+#include "tools/common/half_model.h"
 
 namespace {
 
@@ -190,6 +192,38 @@ CLI::App& addKernels(CLI::App& app, KernelsCommand& command) {
   return sub;
 }
 
+CLI::App& addDumpHalf(CLI::App& app, DumpHalfCommand& command) {
+  CLI::App& sub = *app.add_subcommand("dump-half", "make the half-precision model that a GPU loads faster");
+  sub.footer("OUT.json beside it says which GPU, program file and input sizes it is tied to.");
+  const auto marked = [](const std::string& path) {
+    return isHalfModelPath(path) ? "" : path + " needs \".nb\" in it: by that the engine knows half-precision models";
+  };
+  const auto unmarked = [](const std::string& path) {
+    return isHalfModelPath(path) ? path + " has \".nb\" in it: it would be read as a half-precision model" : "";
+  };
+  const auto device = [&command](const std::string& text) {
+    if (text == "gpu") return;
+    if (text.rfind("gpu:", 0) != 0 || !CLI::detail::lexical_cast(text.substr(4), command.slot.id) ||
+        command.slot.id < 0) {
+      throw CLI::ValidationError("--device", "is gpu or gpu:N, not " + text);
+    }
+  };
+  sub.add_option("model", command.model, "model file")->required()->check(unmarked);
+  sub.add_option("output", command.output, "model to write, with \".nb\" in its path")->required()->check(marked);
+  sub.add_option_function<std::string>("--device", device, "the GPU it is for, as `corvalith kernels --list` counts")
+      ->type_name("DEVICE");
+  addEngineOptions(sub, command.engine);
+  return sub;
+}
+
+/// Half-precision models run where they were made for.
+void checkSlot(const std::string& model, const SlotOptions& slot, const std::string& suffix = "") {
+  std::error_code ignored;
+  if (!isHalfModelPath(model) || slot.half || std::filesystem::is_directory(model, ignored)) return;
+  throw CLI::ValidationError(model, "is a half-precision model by the \".nb\" in its path: it needs --device" + suffix +
+                                        " gpu --type" + suffix + " fp16");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -203,14 +237,29 @@ int main(int argc, char** argv) {
   BenchCommand bench;
   CompareCommand compare;
   KernelsCommand kernels;
+  DumpHalfCommand dumpHalf;
   int status = 0;
   addConvert(app, convert).callback([&] { status = runConvert(convert); });
   addInspect(app, inspect).callback([&] { status = runInspect(inspect); });
-  addRun(app, run).callback([&] { status = runRun(run); });
-  addDetect(app, detect).callback([&] { status = runDetect(detect); });
-  addBench(app, bench).callback([&] { status = runBench(bench); });
-  addCompare(app, compare).callback([&] { status = runCompare(compare); });
+  addRun(app, run).callback([&] {
+    checkSlot(run.model, run.slot);
+    status = runRun(run);
+  });
+  addDetect(app, detect).callback([&] {
+    checkSlot(detect.model, detect.slot);
+    status = runDetect(detect);
+  });
+  addBench(app, bench).callback([&] {
+    for (const std::string& model : bench.models) checkSlot(model, bench.slot);
+    status = runBench(bench);
+  });
+  addCompare(app, compare).callback([&] {
+    checkSlot(compare.a, compare.slotA, "-a");
+    checkSlot(compare.b, compare.slotB, "-b");
+    status = runCompare(compare);
+  });
   addKernels(app, kernels).callback([&] { status = runKernels(kernels); });
+  addDumpHalf(app, dumpHalf).callback([&] { status = runDumpHalf(dumpHalf); });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -8,6 +8,7 @@
 #include "core/profile.h"
 #include "tools/commands/commands.h"
 #include "tools/common/engine.h"
+#include "tools/common/half_model.h"
 #include "tools/common/progress.h"
 
 namespace corvalith::tools {
@@ -38,7 +39,7 @@ struct Timing {
 std::string measure(const std::string& path, const BenchCommand& command, Timing& timing) {
   ModelFile model;
   std::string error;
-  if (!readModelFile(path, model, error)) return error;
+  if (!readModelFile(path, model, error) || !checkHalfModel(path, command.slot, error)) return error;
   timing.name = path.substr(path.rfind('/') + 1);
 
   std::mt19937 random(command.seed);

@@ -78,6 +78,13 @@ struct KernelsCommand {
 };
 int runKernels(const KernelsCommand& command);
 
+struct DumpHalfCommand {
+  std::string model, output;
+  SlotOptions slot{true, 0, true, 1};
+  EngineOptions engine;
+};
+int runDumpHalf(const DumpHalfCommand& command);
+
 /// "error: text" on standard error; gives the exit status of a failed command.
 int fail(const std::string& text);
 

@@ -7,6 +7,7 @@
 #include "tools/commands/commands.h"
 #include "tools/common/draw.h"
 #include "tools/common/engine.h"
+#include "tools/common/half_model.h"
 
 namespace corvalith::tools {
 namespace {
@@ -149,7 +150,7 @@ int runDetect(const DetectCommand& command) {
   configureEngine(command.slot, command.engine);
   Engine engine(command.slot);
   Npy rows;
-  if (!engine.load(command.model, error)) return fail(error);
+  if (!checkHalfModel(command.model, command.slot, error) || !engine.load(command.model, error)) return fail(error);
   if (!engine.initialize()) return fail("the engine does not initialise " + command.model);
   if (!engine.setInput(inputs[0].layer, input, std::move(data)) || !engine.run() || !engine.output(rows)) {
     return fail("the network does not run on this picture");

@@ -102,6 +102,11 @@ bool Engine::load(const std::string& modelPath, std::string& error) {
 
 bool Engine::initialize() { return CorvalithInitialize(agent_) == 0; }
 
+bool Engine::dumpHalf(const std::string& path) {
+  const StdoutToStderr quiet;
+  return CorvalithDumpModelForHalfFloat(agent_, path.c_str(), 0) == 0;
+}
+
 bool Engine::setInput(const std::string& layer, const Shape& shape, std::vector<float> data) {
   if (static_cast<int64_t>(data.size()) != shape.elements()) return false;
   inputs_.push_back(std::move(data));

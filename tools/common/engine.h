@@ -38,9 +38,13 @@ class Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
+  const SlotOptions& slot() const { return slot_; }
+
   /// Says in `error` what to do about it where it fails.
   bool load(const std::string& modelPath, std::string& error);
   bool initialize();
+  /// Writes the half-precision model, on an initialised GPU with halves; `path` has ".nb" in it.
+  bool dumpHalf(const std::string& path);
   bool setInput(const std::string& layer, const Shape& shape, std::vector<float> data);
   /// Returns when the network has run.
   bool run();

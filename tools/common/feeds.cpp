@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tools/common/half_model.h"
 #include "tools/common/layer_facts.h"
 
 namespace corvalith::tools {
@@ -94,7 +95,7 @@ bool readFeeds(const InputOptions& options, const std::vector<NetInput>& inputs,
 }
 
 bool runOnce(Engine& engine, const std::string& model, std::vector<Feed>& feeds, std::string& error) {
-  if (!engine.load(model, error)) return false;
+  if (!checkHalfModel(model, engine.slot(), error) || !engine.load(model, error)) return false;
   if (!engine.initialize()) {
     error = "the engine does not initialise " + model;
     return false;

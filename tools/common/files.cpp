@@ -43,6 +43,14 @@ bool readFile(const std::string& path, std::string& bytes, std::string& error) {
   return true;
 }
 
+std::string hashText(const std::string& bytes) {
+  uint64_t hash = 0xcbf29ce484222325;
+  for (const char byte : bytes) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
 StagedFile::~StagedFile() {
   if (!temporary_.empty()) unlink(temporary_.c_str());
 }

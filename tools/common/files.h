@@ -8,6 +8,9 @@ namespace corvalith::tools {
 /// Reads a regular file below 4 GiB into `bytes`. On failure returns false with the reason in `error`.
 bool readFile(const std::string& path, std::string& bytes, std::string& error);
 
+/// FNV-1a over 64 bits, in hexadecimal. Tells versions and damage apart; no protection against forgery.
+std::string hashText(const std::string& bytes);
+
 /// A file that is written under a fresh temporary name in the folder of `path` and then takes the place of `path`,
 /// which so holds the whole new file or what it held. Without commit the temporary file is removed. Functions return
 /// false with the reason in `error`.

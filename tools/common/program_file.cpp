@@ -31,15 +31,6 @@ bool refused(const std::string& what, ClInt status, std::string& error) {
   return false;
 }
 
-/// FNV-1a over 64 bits, in hexadecimal. Tells versions and damage apart; no protection against forgery.
-std::string hashText(const std::string& bytes) {
-  uint64_t hash = 0xcbf29ce484222325;
-  for (const char byte : bytes) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return text;
-}
-
 std::string manifestPath(const std::string& path) { return path + ".json"; }
 
 /// What a file depends on: it is stale where any of this has become another.
