@@ -60,6 +60,8 @@ TEST_P(FCGpuClasses, AreChosenByBatchAndInputs) {
   expectRun(fcCase(1, 1000, 10), typeid(FCGPUImpl),
             half ? Lines{"fc_split {1,1,10}/{1,1,1} 1000 1000", "fc_merge {1,10,1}/{1,1,1} 10 10"}
                  : Lines{"fc_split {1,4,10}/{1,4,1} 1000 250", "fc_merge {1,10,1}/{1,1,1} 40 10"});
+  expectRun(fcCase(1, 7, 1000), typeid(FCGPUImpl),
+            {"fc_split {1,1,1000}/{1,1,8} 7 7", "fc_merge {1,1000,1}/{1,1,1} 1000 1000"});
   expectRun(fcCase(100, 257, 16), typeid(FCGPUImpl), {});
   expectRun(fcCase(101, 257, 25), typeid(FCGPU8x1Impl),
             {"fc_interleave_8x1 {13,272}/{1,16} 101 257 4096", "fc_splitopt_8x1 {13,2,48}/{1,1,24} 512 256 101 25 2",

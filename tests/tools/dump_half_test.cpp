@@ -76,6 +76,10 @@ TEST_F(DumpHalfTest, TheSidecarIsChecked) {
 TEST_F(DumpHalfTest, AFailureLeavesTheTarget) {
   ASSERT_EQ(0, dump()) << text;
   const std::vector<char> before = bytes("net.nb");
+  const std::string fullDisk = "ulimit -f 4; trap '' XFSZ; ";
+  EXPECT_EQ(1, run("dump-half " + dir.file("net.cvm") + " " + dir.file("net.nb"), fullDisk + kRig));
+  EXPECT_TRUE(says("cannot be written")) << text;
+  EXPECT_EQ(before, bytes("net.nb"));
   tools::ModelLayer fc = layer("FC", "fc", {"in"}, FCParam{3});  // its weights are missing
   dir.write("net.cvm", tools::modelBytes("net", {inputLayer("in", {1, 10, 1, 1}), fc}));
   EXPECT_EQ(1, dump()) << text;
