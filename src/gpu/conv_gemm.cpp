@@ -163,9 +163,9 @@ int ConvGPUGEMM1xXImpl::forward(Blocks const& bottoms, Blocks const& tops, void*
   const ConvParam& conv = *static_cast<const ConvParam*>(param);
   const Shape out = tops[0]->shape();
   if (splitPending_) {
-    copy(buffer(weight), 0, weights4_.get(), 0, weight4Bytes_);
-    copy(buffer(weight), weight4Bytes_, weights8_.get(), 0, weight8Bytes_);
-    splitPending_ = false;
+    splitPending_ = !copy(buffer(weight), 0, weights4_.get(), 0, weight4Bytes_) ||
+                    !copy(buffer(weight), weight4Bytes_, weights8_.get(), 0, weight8Bytes_);
+    if (splitPending_) return -1;  // without its weights a run would be wrong
   }
   im2colAlign1xX(bottoms[0], padded_.get(), col_.get(), conv.pad_w, conv.pad_h, conv.kernel_h, conv.kernel_w,
                  conv.stride_h, conv.stride_w, kPBlock);

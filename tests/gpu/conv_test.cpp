@@ -5,7 +5,6 @@
 #include "gpu/conv_gemm.h"
 #include "layers/weighted_layer.h"
 #include "tests/gpu/launches.h"
-#include "tests/gpu/prepared_weights.h"
 #include "tests/layers/conv_cases.h"
 #include "tests/support/half.h"
 #include "tests/support/log_capture.h"
@@ -206,17 +205,6 @@ TEST_P(ConvGpu, ASteadyRunOnlySetsArgumentsAndLaunches) {
   std::map<std::string, int> calls = rig::calls();
   for (const char* allowed : {"clSetKernelArg", "clEnqueueNDRangeKernel", "clFlush"}) calls.erase(allowed);
   EXPECT_EQ(calls, (std::map<std::string, int>()));
-}
-
-TEST(ConvGpuModel, HalfPrecisionRecordsGiveTheSame) {
-  for (const LayerCase& c : {convCase("two groups", 4, 6, {3, 2, 1, 1, 1, 1}, 2, {{{1, 4, 5, 5}}}),
-                             convCase("4 channels", 3, 5, {3, 3, 2, 2, 1, 1}, 1, {{{1, 3, 7, 7}}}),
-                             convCase("8 channels", 1, 33, {1, 1, 2, 2}, 1, {{{1, 1, 97, 97}}}),
-                             convCase("pixels", 3, 89, {1, 1}, 1, {{{1, 3, 21, 21}}}),
-                             convCase("depthwise", 3, 3, {3, 3}, 3, {{{1, 3, 7, 6}}})}) {
-    SCOPED_TRACE(c.name);
-    expectSameFromPreparedWeights(c, "E/convLayer impl init fail");
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, ConvGpu, ::testing::Values(CORVALITH_FP32, CORVALITH_FP16),

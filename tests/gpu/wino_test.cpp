@@ -3,7 +3,6 @@
 
 #include "gpu/conv_wino.h"
 #include "tests/gpu/launches.h"
-#include "tests/gpu/prepared_weights.h"
 #include "tests/layers/conv_cases.h"
 #include "tests/support/half.h"
 
@@ -120,41 +119,6 @@ TEST_P(WinoGpu, MuchWorkInHalfIsInFourPartsOfPairs) {
 
 INSTANTIATE_TEST_SUITE_P(Types, WinoGpu, ::testing::Values(CORVALITH_FP32, CORVALITH_FP16),
                          [](const auto& type) { return type.param == CORVALITH_FP16 ? "Half" : "Float"; });
-
-TEST(WinoGpuModel, HalfPrecisionRecordsGiveTheSame) {
-  const char* line = "E/convLayer impl init fail";
-  expectSameFromPreparedWeights(winoCase(4, 3, 1, 1, {{{1, 4, 5, 5}}}), line);
-  expectSameFromPreparedWeights(winoCase(4, 8, 1, 2, {{{1, 4, 5, 5}}}), line);
-  expectSameFromPreparedWeights(winoCase(4, 8, 1, 1, {{{1, 4, 5, 5}}}), line, kBifrostGpu);
-}
-
-/// Lines that initialising a layer logs when its n-th call of the function fails, for every n; nothing may be left.
-std::set<std::string> refusals(const LayerCase& c, CORVALITH_DATATYPE type, const char* function) {
-  std::set<std::string> lines;
-  for (int n = 1;; ++n) {
-    rig::reset();
-    GpuSlot slot(type, kBifrostGpu);
-    rig::reset();
-    rig::failCall(function, n, -5, false);
-    LogCapture log;
-    const BuiltNet net(networkOf(c), slot.context);
-    const Lines logged = log.take();
-    lines.insert(logged.begin(), logged.end());
-    if (rig::calls()[function] < n) return lines;
-  }
-}
-
-TEST_F(RigTest, WinogradTellsWhatFailed) {
-  const LayerCase c = winoCase(2, 8, 1, 1, {{{1, 2, 5, 5}}});
-  EXPECT_EQ(refusals(c, CORVALITH_FP32, "clCreateKernel").count("E/set kernel failed"), 1U);
-  EXPECT_EQ(refusals(c, CORVALITH_FP32, "clEnqueueMapBuffer").count("E/ConvGPUGEMM4x4Impl tmp buffer map fail"), 1U);
-  const std::set<std::string> maps = refusals(c, CORVALITH_FP16, "clEnqueueMapBuffer");
-  EXPECT_EQ(maps.count("E/weight buffer map fail"), 1U);
-  EXPECT_EQ(maps.count("E/convert weight buffer map fail"), 1U);
-  const std::set<std::string> buffers = refusals(c, CORVALITH_FP16, "clCreateBuffer");
-  EXPECT_EQ(buffers.count("E/ConvGPUWINOImpl weight buffer create fail"), 1U);
-  EXPECT_EQ(buffers.count("E/ConWinoGPUImpl split buffer create fail"), 1U);
-}
 
 }  // namespace
 }  // namespace corvalith::testing

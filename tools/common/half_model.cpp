@@ -63,7 +63,7 @@ bool makeHalfModel(const std::string& source, const std::string& path, const Slo
   ModelFile model;
   std::string bytes;
   StagedFile file(path);
-  if (!readFile(source, bytes, error) || !readModelFile(source, model, error) || !file.open(error)) return false;
+  if (!readFile(source, bytes, error) || !parseModel(bytes, false, model, error) || !file.open(error)) return false;
   facts.converted = convertedLayers(model);
   facts.bytesBefore = bytes.size();
 
@@ -97,7 +97,7 @@ bool checkHalfModel(const std::string& path, const SlotOptions& slot, std::strin
   ModelFile model;
   std::string bytes, text, ignored;
   Json present;
-  if (!readFile(path, bytes, error) || !readModelFile(path, model, error)) return false;
+  if (!readFile(path, bytes, error) || !parseModel(bytes, true, model, error)) return false;
   if (!readFile(sidecarPath(path), text, ignored)) {
     std::fprintf(stderr, "warning: %s, so nothing tells whether the model fits this GPU and its program file\n",
                  ignored.c_str());
