@@ -1,215 +1,240 @@
 #include "cpu/conv_gemm.h"
 
 #include <algorithm>
-#include <cstring>
-#include <initializer_list>
-#include <limits>
 
 #include "core/log.h"
 #include "cpu/parallel.h"
-#include "cpu/simd/kernels.h"
+#include "cpu/sizes.h"
 
 namespace corvalith {
 namespace {
 
-constexpr int kMaxDimension = std::numeric_limits<int>::max();
-static_assert(kMaxBlockElements < kMaxDimension, "a block with a clamped dimension must fail to be made");
+constexpr size_t kBlockFloats = 64 * 1024;  // of columns: what a core's second-level cache holds beside others
+constexpr size_t kFewOutputs = 32;          // so few that columns are not read often enough to pack them
 
-/// A block's dimension as a product of non-negative 32-bit factors. One that no block can have becomes kMaxDimension.
-int dimension(std::initializer_list<int> factors) {
-  int64_t product = 1;
-  for (const int factor : factors) product = std::min<int64_t>(product * factor, kMaxDimension);
-  return static_cast<int>(product);
-}
-
-int padded(int size, int pad) { return static_cast<int>(std::min<int64_t>(size + int64_t{2} * pad, kMaxDimension)); }
-
-Shape padShape(const Shape& in, const ConvParam& p) {
-  return {in.n, in.c, padded(in.h, p.pad_h), padded(in.w, p.pad_w)};
-}
-
-Shape convertShape(const Shape& in, const Shape& out, const ConvParam& p) {
-  return {in.n, 1, out.h, dimension({out.w, p.kernel_h, p.kernel_w, in.c})};
-}
-
-bool hasPadding(const ConvParam& p) { return p.pad_h != 0 || p.pad_w != 0; }
-
-std::unique_ptr<Block> makeBlock(const Shape& s, CORVALITH_DATATYPE type, Context* context) {
-  return std::make_unique<Block>(s.n, s.c, s.h, s.w, type, context);
-}
-
-/// Copies `kernelWidth` values from each of n places `stride` apart to rows `depth` apart.
-template <int KERNEL_WIDTH>
-void copyTaps(const float* from, size_t stride, float* to, size_t depth, int n, int kernelWidth) {
-  const int width = KERNEL_WIDTH > 0 ? KERNEL_WIDTH : kernelWidth;
-  for (int i = 0; i < n; ++i, from += stride, to += depth) {
-    for (int tap = 0; tap < width; ++tap) to[tap] = from[tap];
-  }
-}
-
-using CopyTaps = void (*)(const float*, size_t, float*, size_t, int, int);
-
-CopyTaps copyTapsOf(int kernelWidth) {
-  switch (kernelWidth) {
-    case 1:
-      return copyTaps<1>;
-    case 3:
-      return copyTaps<3>;
-    case 5:
-      return copyTaps<5>;
-    case 7:
-      return copyTaps<7>;
-    default:
-      return copyTaps<0>;
+/// Rows of `depth` values as panels, as the product takes them.
+void packRows(const float* from, size_t rows, size_t depth, float* to) {
+  const size_t panelRows = cpuKernels().panelRows;
+  for (size_t panel = 0; panel < rows; panel += panelRows) {
+    const size_t height = std::min(panelRows, rows - panel);
+    for (size_t m = 0; m < height; ++m, from += depth) {
+      for (size_t k = 0; k < depth; ++k) to[k * height + m] = from[k];
+    }
+    to += height * depth;
   }
 }
 
 }  // namespace
 
-void NoActivation::addBias(float* y, size_t n, float bias) { cpuKernels().addBias(y, n, bias); }
+template <class Activation>
+ConvCPUGEMM<Activation>::~ConvCPUGEMM() {
+  if (weightBuffer_ != nullptr) context_->CorvalithRelease(weightBuffer_);
+}
 
-void ReluActivation::addBias(float* y, size_t n, float bias) { cpuKernels().addBiasRelu(y, n, bias); }
+/// As many as scratch memory is divided for.
+template <class Activation>
+size_t ConvCPUGEMM<Activation>::slots() const {
+  return static_cast<size_t>(std::max(1, static_cast<CPUContext*>(context_)->getThreadNum()));
+}
 
 template <class Activation>
-int ConvCPUGEMM<Activation>::init(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
-  const ConvParam& conv = *static_cast<const ConvParam*>(param);
-  const Shape in = bottoms[0]->shape();
-  padBuffer_ = makeBlock(padShape(in, conv), dataType_, context_);
+void ConvCPUGEMM<Activation>::makePlan(const Shape& in, const Shape& out, const ConvParam& conv) {
+  const size_t panelColumns = cpuKernels().panelColumns;
+  Plan& p = plan_;
+  p = {};
+  p.direct = DirectConvolution::suits(in, conv);
+  if (p.direct) {
+    direct_.plan(in, out, conv);
+    p.padFloats = limitedProduct({slots(), direct_.scratchFloats()});
+    return;
+  }
+  p.groups = static_cast<size_t>(conv.group);
+  p.channels = static_cast<size_t>(in.c) / p.groups;
+  p.outputs = static_cast<size_t>(out.c) / p.groups;
+  p.pixels = static_cast<size_t>(out.h) * static_cast<size_t>(out.w);
+  p.padding = paddingOf(in, conv);
+  const bool pointwise = conv.kernel_h == 1 && conv.kernel_w == 1 && conv.stride_h == 1 && conv.stride_w == 1;
+  p.depth = p.channels * static_cast<size_t>(conv.kernel_h) * static_cast<size_t>(conv.kernel_w);
+  p.panelFloats = roundUp(p.depth * panelColumns + cpuKernels().lanes, kCacheLine);
+  p.padded = !pointwise || conv.pad_h != 0 || conv.pad_w != 0;
+  p.inPlane = p.padded ? p.padding.floats() : p.pixels;
+  unfolding_ = {nullptr,
+                p.inPlane,
+                p.padding.width,
+                p.channels,
+                static_cast<size_t>(conv.kernel_h),
+                static_cast<size_t>(conv.kernel_w),
+                static_cast<size_t>(conv.stride_h),
+                static_cast<size_t>(conv.stride_w),
+                p.padded ? static_cast<size_t>(out.w) : p.pixels,
+                p.panelFloats,
+                p.padded};
+  p.columnPanels = divideUp(p.pixels, panelColumns);
+  p.rowPanels = divideUp(p.outputs, cpuKernels().panelRows);
+  p.splitRows = p.pixels < p.outputs;
+  p.inPlace = !p.padded && !p.splitRows && p.outputs <= kFewOutputs;
+  p.block = std::max<size_t>(kBlockFloats / p.depth / panelColumns, 1);
+  if (p.splitRows) p.block = p.columnPanels;
+  p.block = std::min(p.block, p.columnPanels);
+  if (p.padded) {
+    p.padFloats = limitedProduct({static_cast<size_t>(in.c), p.inPlane}) + panelColumns * unfolding_.strideWidth;
+  }
+  p.convertFloats = limitedProduct({p.inPlace ? 1 : p.block, p.panelFloats});
+}
+
+template <class Activation>
+int ConvCPUGEMM<Activation>::init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block*) {
+  makePlan(bottoms[0]->shape(), tops[0]->shape(), *static_cast<const ConvParam*>(param));
+  padBuffer_ = std::make_unique<Block>(1, 1, 1, widthFor(plan_.padFloats), dataType_, context_);
   if (padBuffer_->getData() == nullptr) return fail("ConvCPUGEMMImpl pad buffer create fail");
-  convertBuffer_ = makeBlock(convertShape(in, tops[0]->shape(), conv), dataType_, context_);
+  convertBuffer_ = std::make_unique<Block>(1, 1, 1, widthFor(convertFloats()), dataType_, context_);
   if (convertBuffer_->getData() == nullptr) return fail("ConvCPUGEMMImpl convert buffer create fail");
-  return hasPadding(conv) ? padBuffer_->clear() : 0;
+  return weight != nullptr && weight->getData() != nullptr ? prepareWeights(*weight) : -1;
 }
 
 template <class Activation>
 int ConvCPUGEMM<Activation>::reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
-  const ConvParam& conv = *static_cast<const ConvParam*>(param);
-  const Shape in = bottoms[0]->shape();
-  if (padBuffer_->reshape(padShape(in, conv)) != 0 ||
-      convertBuffer_->reshape(convertShape(in, tops[0]->shape(), conv)) != 0) {
+  makePlan(bottoms[0]->shape(), tops[0]->shape(), *static_cast<const ConvParam*>(param));
+  if (padBuffer_->reshape(1, 1, 1, widthFor(plan_.padFloats)) != 0 ||
+      convertBuffer_->reshape(1, 1, 1, widthFor(convertFloats())) != 0) {
     return fail("reshape failed");
   }
-  return hasPadding(conv) ? padBuffer_->clear() : 0;
+  return 0;
 }
 
-/// Where to unfold from: the pad buffer or, without padding, the input itself.
+/// Of the whole buffer.
 template <class Activation>
-const float* ConvCPUGEMM<Activation>::padInput(const Block& bottom, const ConvParam& param) {
-  const float* x = floats(&bottom);
-  if (!hasPadding(param)) return x;
-  const Shape in = bottom.shape(), out = padBuffer_->shape();
-  const size_t width = static_cast<size_t>(in.w), outWidth = static_cast<size_t>(out.w);
-  float* plane = floats(padBuffer_.get());
-  for (int i = 0; i < in.n * in.c; ++i, plane += static_cast<size_t>(out.h) * outWidth) {
-    float* y = plane + static_cast<size_t>(param.pad_h) * outWidth + static_cast<size_t>(param.pad_w);
-    for (int row = 0; row < in.h; ++row, x += width, y += outWidth) std::memcpy(y, x, width * sizeof(float));
+size_t ConvCPUGEMM<Activation>::convertFloats() const {
+  return limitedProduct({plan_.splitRows ? plan_.groups : slots(), plan_.convertFloats});
+}
+
+template <class Activation>
+int ConvCPUGEMM<Activation>::prepareWeights(const Block& weight) {
+  if (plan_.direct) return 0;
+  weightBuffer_ = context_->CorvalithMalloc(weight.getSize(), dataType_);
+  if (weightBuffer_ == nullptr) return fail("ConvCPUGEMMImpl convert buffer create fail");
+  const size_t groupFloats = plan_.outputs * plan_.depth;
+  for (size_t g = 0; g < plan_.groups; ++g) {
+    packRows(floats(&weight) + g * groupFloats, plan_.outputs, plan_.depth,
+             static_cast<float*>(weightBuffer_) + g * groupFloats);
   }
-  return floats(padBuffer_.get());
+  return 0;
+}
+
+template <class Activation>
+int ConvCPUGEMM<Activation>::forward(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block* bias) {
+  if (requireSlots(context_) != 0) {
+    tops[0]->clear();
+    return -1;
+  }
+  const int batch = bottoms[0]->getBatch();
+  if (plan_.direct) {
+    direct_.run(context_, batch, floats(bottoms[0]), floats(weight), floats(bias), Activation::kRelu, floats(tops[0]),
+                aligned(padBuffer_->getData()));
+    return 0;
+  }
+  const size_t channels = plan_.groups * plan_.channels;
+  ThreadParam work{this, floats(bottoms[0]), floats(bias), floats(tops[0]), 0, 0, 0};
+  for (int image = 0; image < batch; ++image) {
+    if (plan_.padded) dispatch(padThreadFun, channels, work);
+    if (plan_.splitRows) dispatch(im2colThreadFun, plan_.groups * plan_.columnPanels, work);
+    dispatch(gemmThreadFun, plan_.groups * (plan_.splitRows ? plan_.rowPanels : plan_.columnPanels), work);
+    work.x += channels * plan_.padding.inHeight * plan_.padding.inWidth;
+    work.y += plan_.groups * plan_.outputs * plan_.pixels;
+  }
+  return 0;
+}
+
+template <class Activation>
+void ConvCPUGEMM<Activation>::dispatch(void* (*fn)(void*), size_t total, const ThreadParam& work) {
+  runOnSlots(context_, params_, fn, static_cast<int>(total), [&](ThreadParam& record, int first, int end) {
+    record = work;
+    record.slot = static_cast<size_t>(&record - params_);
+    record.first = static_cast<size_t>(first);
+    record.end = static_cast<size_t>(end);
+  });
+}
+
+template <class Activation>
+void* ConvCPUGEMM<Activation>::padThreadFun(void* record) {
+  const ThreadParam& work = *static_cast<const ThreadParam*>(record);
+  const Plan& plan = work.impl->plan_;
+  for (size_t c = work.first; c < work.end; ++c) {
+    padPlane(plan.padding, work.x + c * plan.padding.inHeight * plan.padding.inWidth,
+             floats(work.impl->padBuffer_.get()) + c * plan.inPlane);
+  }
+  return nullptr;
+}
+
+/// A group's input planes.
+template <class Activation>
+Unfolding ConvCPUGEMM<Activation>::unfolding(const ThreadParam& work, size_t group) const {
+  Unfolding u = unfolding_;
+  u.x = (plan_.padded ? floats(padBuffer_.get()) : work.x) + group * plan_.channels * plan_.inPlane;
+  return u;
 }
 
 template <class Activation>
 void* ConvCPUGEMM<Activation>::im2colThreadFun(void* record) {
-  const Im2colThreadParam& p = *static_cast<const Im2colThreadParam*>(record);
-  constexpr int kTile = 16;  // output pixels whose rows are filled together: source lines are read once
-  const CopyTaps copy = copyTapsOf(p.kernelWidth);
-  const size_t depth = static_cast<size_t>(p.depth), width = static_cast<size_t>(p.paddedWidth);
-  const size_t plane = width * static_cast<size_t>(p.paddedHeight), taps = static_cast<size_t>(p.kernelWidth);
-  for (int oh = 0; oh < p.outputHeight; ++oh) {
-    for (int ow = 0; ow < p.outputWidth; ow += kTile) {
-      const int pixels = std::min(kTile, p.outputWidth - ow);
-      const float* origin = p.source + static_cast<size_t>(oh) * static_cast<size_t>(p.strideHeight) * width +
-                            static_cast<size_t>(ow) * static_cast<size_t>(p.strideWidth);
-      float* column =
-          p.column + (static_cast<size_t>(oh) * static_cast<size_t>(p.outputWidth) + static_cast<size_t>(ow)) * depth;
-      for (int row = p.firstRow; row < p.endRow; ++row) {
-        const size_t channel = static_cast<size_t>(row / p.kernelHeight);
-        const size_t kernelRow = static_cast<size_t>(row % p.kernelHeight);
-        copy(origin + channel * plane + kernelRow * width, static_cast<size_t>(p.strideWidth),
-             column + static_cast<size_t>(row) * taps, depth, pixels, p.kernelWidth);
-      }
-    }
+  const ThreadParam& work = *static_cast<const ThreadParam*>(record);
+  const Plan& plan = work.impl->plan_;
+  const size_t panelColumns = cpuKernels().panelColumns;
+  for (size_t i = work.first; i < work.end; ++i) {
+    const size_t group = i / plan.columnPanels, panel = i % plan.columnPanels, first = panel * panelColumns;
+    cpuKernels().unfold(
+        work.impl->unfolding(work, group), first, std::min(panelColumns, plan.pixels - first),
+        aligned(work.impl->convertBuffer_->getData()) + group * plan.convertFloats + panel * plan.panelFloats);
   }
   return nullptr;
 }
 
-template <class Activation>
-void ConvCPUGEMM<Activation>::im2col(const float* source, const Block& bottom, const Block& top,
-                                     const ConvParam& param) {
-  const Shape in = padBuffer_->shape(), out = top.shape();
-  const int channels = in.c / param.group;
-  const int depth = channels * param.kernel_h * param.kernel_w;
-  float* column = floats(convertBuffer_.get());
-  for (int step = 0; step < bottom.getBatch() * param.group; ++step) {
-    runOnSlots(context_, im2colParams_, im2colThreadFun, channels * param.kernel_h,
-               [&](Im2colThreadParam& record, int first, int end) {
-                 record = {column, source, param.kernel_h, param.kernel_w, param.stride_h, param.stride_w,
-                           in.h,   in.w,   depth,          out.h,          out.w,          first,
-                           end};
-               });
-    column += static_cast<size_t>(out.h) * static_cast<size_t>(out.w) * static_cast<size_t>(depth);
-    source += static_cast<size_t>(channels) * static_cast<size_t>(in.h) * static_cast<size_t>(in.w);
-  }
-}
-
-// The depth is cut into chunks of less than 1000: a sum over a deep reduction would lose accuracy.
 template <class Activation>
 void* ConvCPUGEMM<Activation>::gemmThreadFun(void* record) {
-  const GemmThreadParam& p = *static_cast<const GemmThreadParam*>(record);
-  const size_t depth = static_cast<size_t>(p.depth), columns = static_cast<size_t>(p.columns);
-  const size_t m = static_cast<size_t>(p.mBegin), n = static_cast<size_t>(p.nBegin);
-  const size_t chunks = depth / 1000 + 1;
-  for (size_t chunk = 0; chunk < chunks; ++chunk) {
-    const size_t begin = depth * chunk / chunks, end = depth * (chunk + 1) / chunks;
-    cpuKernels().dotProducts(p.a + m * depth + begin, static_cast<size_t>(p.mEnd - p.mBegin), p.b + n * depth + begin,
-                             static_cast<size_t>(p.nEnd - p.nBegin), depth, end - begin, p.y + m * columns + n,
-                             columns);
+  const ThreadParam& work = *static_cast<const ThreadParam*>(record);
+  const Plan& plan = work.impl->plan_;
+  const size_t panels = plan.splitRows ? plan.rowPanels : plan.columnPanels;
+  for (size_t i = work.first; i < work.end;) {
+    const size_t group = i / panels, first = i % panels, count = std::min(panels - first, work.end - i);
+    if (plan.splitRows) {
+      const size_t panelColumns = cpuKernels().panelColumns, panelRows = cpuKernels().panelRows;
+      const float* b = aligned(work.impl->convertBuffer_->getData()) + group * plan.convertFloats;
+      work.impl->multiply(work, group, {b, panelColumns, plan.panelFloats}, 0, plan.pixels, first * panelRows,
+                          std::min(count * panelRows, plan.outputs - first * panelRows));
+    } else {
+      work.impl->multiplyColumns(work, group, first, count);
+    }
+    i += count;
   }
   return nullptr;
 }
 
 template <class Activation>
-void ConvCPUGEMM<Activation>::multiply(const float* weights, const Block& bottom, const Block& top,
-                                       const ConvParam& param) {
-  const int rows = top.getChannel() / param.group;
-  const int columns = top.getHeight() * top.getWidth();
-  const int depth = bottom.getChannel() / param.group * param.kernel_h * param.kernel_w;
-  const bool splitRows = rows < columns;
-  const float* b = floats(convertBuffer_.get());
-  float* y = floats(&top);
-  for (int image = 0; image < top.getBatch(); ++image) {
-    const float* a = weights;
-    for (int group = 0; group < param.group; ++group) {
-      runOnSlots(context_, gemmParams_, gemmThreadFun, splitRows ? rows : columns,
-                 [&](GemmThreadParam& record, int first, int end) {
-                   record = {a, b, y, rows, columns, depth, 0, rows, 0, columns};
-                   (splitRows ? record.mBegin : record.nBegin) = first;
-                   (splitRows ? record.mEnd : record.nEnd) = end;
-                 });
-      a += static_cast<size_t>(rows) * static_cast<size_t>(depth);
-      b += static_cast<size_t>(columns) * static_cast<size_t>(depth);
-      y += static_cast<size_t>(rows) * static_cast<size_t>(columns);
-    }
+void ConvCPUGEMM<Activation>::multiplyColumns(const ThreadParam& work, size_t group, size_t firstPanel,
+                                              size_t panels) const {
+  const size_t panelColumns = cpuKernels().panelColumns;
+  const Unfolding u = unfolding(work, group);
+  size_t column = firstPanel * panelColumns;
+  const size_t end = std::min(column + panels * panelColumns, plan_.pixels);
+  if (plan_.inPlace) {
+    const size_t whole = (end - column) / panelColumns * panelColumns;
+    multiply(work, group, {u.x + column, plan_.pixels, panelColumns}, column, whole, 0, plan_.outputs);
+    column += whole;
+  }
+  float* block = aligned(convertBuffer_->getData()) + work.slot * plan_.convertFloats;
+  for (; column < end; column += plan_.block * panelColumns) {
+    const size_t columns = std::min(plan_.block * panelColumns, end - column);
+    cpuKernels().unfold(u, column, columns, block);
+    multiply(work, group, {block, panelColumns, plan_.panelFloats}, column, columns, 0, plan_.outputs);
   }
 }
 
 template <class Activation>
-int ConvCPUGEMM<Activation>::forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight,
-                                     Block* bias) {
-  const ConvParam& conv = *static_cast<const ConvParam*>(param);
-  const Block& bottom = *bottoms[0];
-  Block& top = *tops[0];
-  im2col(padInput(bottom, conv), bottom, top, conv);
-  if (top.clear() != 0 || requireSlots(context_) != 0) return -1;
-  multiply(floats(weight), bottom, top, conv);
-
-  const size_t pixels = static_cast<size_t>(top.getHeight()) * static_cast<size_t>(top.getWidth());
-  float* y = floats(&top);
-  for (int image = 0; image < top.getBatch(); ++image) {
-    for (int channel = 0; channel < top.getChannel(); ++channel, y += pixels) {
-      Activation::addBias(y, pixels, floats(bias)[channel]);
-    }
-  }
-  return 0;
+void ConvCPUGEMM<Activation>::multiply(const ThreadParam& work, size_t group, const Columns& b, size_t firstColumn,
+                                       size_t columns, size_t firstRow, size_t rows) const {
+  const size_t output = group * plan_.outputs + firstRow;
+  cpuKernels().packedProduct({static_cast<const float*>(weightBuffer_) + output * plan_.depth, rows, b.values, b.stride,
+                              b.panel, columns, plan_.depth, work.y + output * plan_.pixels + firstColumn, plan_.pixels,
+                              work.bias + output, Activation::kRelu});
 }
 
 template class ConvCPUGEMM<NoActivation>;

@@ -4,6 +4,9 @@
 #include <memory>
 
 #include "core/cpu_device.h"
+#include "cpu/conv_direct.h"
+#include "cpu/pad.h"
+#include "cpu/simd/kernels.h"
 #include "layers/impl.h"
 #include "layers/records.h"
 
@@ -12,56 +15,80 @@ namespace corvalith {
 /// What follows the bias.
 struct NoActivation {
   static constexpr bool kRelu = false;
-  static void addBias(float* y, size_t n, float bias);
 };
 struct ReluActivation {
   static constexpr bool kRelu = true;
-  static void addBias(float* y, size_t n, float bias);
 };
 
-/// Per image and group, the padded input is unfolded into a column buffer with one row per output pixel, holding what
-/// the kernel covers there in the order of the weights (channel, kernel row, kernel column). Every output value is then
-/// the dot product of a row of weights and a row of columns. Both steps are spread over the slots. `param` is a
-/// ConvParam; the layer has checked that weights, bias and shapes fit it.
+/// Y = A * B + bias: A are a group's weights, packed at initialisation; B has a column per output pixel, holding what
+/// the kernel covers there in the order of the weights (channel, kernel row, kernel column). Per image, the planes are
+/// padded; then every slot takes a range of columns, unfolds a block that stays in its cache straight into the panels
+/// of the product and multiplies it. Where pixels are fewer than outputs all columns are unfolded first, and slots take
+/// rows. Kernels of 1 x 1 need no padded planes and, with few outputs, no unfolding. With one input channel per group
+/// the sums are formed directly. `param` is a ConvParam; the layer has checked that weights, bias and shapes fit it.
 template <class Activation>
 class ConvCPUGEMM : public Impl {
  public:
   using Impl::Impl;
+  ~ConvCPUGEMM() override;
   int init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
   int forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
   int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
 
  private:
-  /// One slot's part of unfolding one group of one image: kernel rows firstRow to endRow of all (channel, kernel row).
-  struct Im2colThreadParam {
-    float* column;
-    const float* source;
-    int kernelHeight, kernelWidth;
-    int strideHeight, strideWidth;
-    int paddedHeight, paddedWidth;
-    int depth;
-    int outputHeight, outputWidth;
-    int firstRow, endRow;
+  /// How the work is cut for the present shapes. Sizes are in floats.
+  struct Plan {
+    bool direct;     // one input channel per group
+    bool padded;     // unfolded from padded planes, else from the input itself
+    bool inPlace;    // the input is a matrix of columns already
+    bool splitRows;  // slots take panels of rows, else panels of columns
+    size_t groups;
+    size_t channels, outputs;        // of a group
+    size_t depth;                    // of the sums
+    size_t pixels;                   // of an output plane
+    size_t columnPanels, rowPanels;  // of a group
+    size_t panelFloats;              // of an unfolded panel, and what may be written behind it
+    size_t block;                    // column panels that are unfolded at a time
+    Padding padding;
+    size_t inPlane;  // one plane of what is unfolded
+    size_t padFloats;
+    size_t convertFloats;  // of one slot, or with splitRows of one group
   };
 
-  /// One slot's part of one product Y += A * B^T: A has `rows` and B `columns` rows of `depth` values.
-  struct GemmThreadParam {
-    const float *a, *b;
+  /// One slot's part of one image: planes to pad, panels of columns or of rows.
+  struct ThreadParam {
+    ConvCPUGEMM* impl;
+    const float *x, *bias;
     float* y;
-    int rows, columns, depth;
-    int mBegin, mEnd, nBegin, nEnd;
+    size_t slot, first, end;
   };
 
+  /// Where panels of columns are, as the product takes them.
+  struct Columns {
+    const float* values;
+    size_t stride, panel;
+  };
+
+  size_t slots() const;
+  size_t convertFloats() const;
+  void makePlan(const Shape& in, const Shape& out, const ConvParam& conv);
+  int prepareWeights(const Block& weight);
+
+  static void* padThreadFun(void* record);
   static void* im2colThreadFun(void* record);
   static void* gemmThreadFun(void* record);
-  const float* padInput(const Block& bottom, const ConvParam& param);
-  void im2col(const float* source, const Block& bottom, const Block& top, const ConvParam& param);
-  void multiply(const float* weights, const Block& bottom, const Block& top, const ConvParam& param);
+  void dispatch(void* (*fn)(void*), size_t total, const ThreadParam& work);
+  void multiplyColumns(const ThreadParam& work, size_t group, size_t firstPanel, size_t panels) const;
+  Unfolding unfolding(const ThreadParam& work, size_t group) const;
+  void multiply(const ThreadParam& work, size_t group, const Columns& b, size_t firstColumn, size_t columns,
+                size_t firstRow, size_t rows) const;
 
-  std::unique_ptr<Block> padBuffer_;      // batch, channels, padded height, padded width; borders stay zero
-  std::unique_ptr<Block> convertBuffer_;  // batch, 1, output height, output width * kernel area * channels
-  Im2colThreadParam im2colParams_[kMaxCpuSlots];
-  GemmThreadParam gemmParams_[kMaxCpuSlots];
+  Plan plan_;
+  Unfolding unfolding_;  // of a group, but for its place
+  DirectConvolution direct_;
+  std::unique_ptr<Block> padBuffer_;      // one image's padded planes; or a plane for each slot
+  std::unique_ptr<Block> convertBuffer_;  // column panels
+  ThreadParam params_[kMaxCpuSlots];
 };
 
 class ConvCPUGEMMImpl final : public ConvCPUGEMM<NoActivation> {

@@ -1,13 +1,12 @@
 #include "cpu/conv_wino.h"
 
 #include <algorithm>
-#include <cstring>
-#include <limits>
 #include <new>
 
 #include "core/log.h"
 #include "cpu/parallel.h"
 #include "cpu/simd/kernels.h"
+#include "cpu/sizes.h"
 
 namespace corvalith {
 namespace {
@@ -16,20 +15,6 @@ constexpr size_t kValues = 16;  // of a transformed tile or kernel
 constexpr size_t kBlockFloats =
     64 * 1024;                      // of transformed tiles: what a core's second-level cache holds beside others
 constexpr size_t kBlockPanels = 4;  // panels of weights whose products are held at a time
-constexpr size_t kCacheLine = 16;   // floats
-
-size_t divideUp(size_t count, size_t divisor) { return (count + divisor - 1) / divisor; }
-size_t roundUp(size_t count, size_t multiple) { return divideUp(count, multiple) * multiple; }
-
-float* aligned(void* memory) {
-  return reinterpret_cast<float*>(roundUp(reinterpret_cast<uintptr_t>(memory), kCacheLine * sizeof(float)));
-}
-
-/// The width of a block that holds so many floats once they are aligned; one that no block can have, where they are too
-/// many.
-int widthFor(size_t count) {
-  return static_cast<int>(std::min<size_t>(count + kCacheLine, std::numeric_limits<int>::max()));
-}
 
 /// U = G g G^T of F(2x2, 3x3).
 void transformKernel(const float* g, float (&u)[kValues]) {
@@ -73,10 +58,16 @@ template <class Activation>
 void ConvCPUWINO<Activation>::makePlan(const Shape& in, const Shape& out, const ConvParam& conv) {
   const size_t lanes = cpuKernels().lanes, columns = cpuKernels().panelColumns, rows = cpuKernels().panelRows;
   Plan& p = plan_;
+  p = {};
+  p.direct = DirectConvolution::suits(in, conv);
+  if (p.direct) {
+    direct_.plan(in, out, conv);
+    p.padFloats = slots() * direct_.scratchFloats();
+    return;
+  }
   p.groups = static_cast<size_t>(conv.group);
   p.channels = static_cast<size_t>(in.c) / p.groups;
   p.outputs = static_cast<size_t>(out.c) / p.groups;
-  p.direct = p.channels == 1;
   p.padTop = static_cast<size_t>(conv.pad_h);
   p.padLeft = static_cast<size_t>(conv.pad_w);
   p.inHeight = static_cast<size_t>(in.h);
@@ -85,13 +76,6 @@ void ConvCPUWINO<Activation>::makePlan(const Shape& in, const Shape& out, const 
   p.width = static_cast<size_t>(out.w);
   p.tilesWide = divideUp(p.width, 2);
   p.tiles = p.tilesWide * divideUp(p.height, 2);
-  if (p.direct) {  // vectors may read behind a row, so behind the last one too
-    p.padPitch = p.width + 2;
-    p.padPlane = (p.height + 2) * p.padPitch + lanes;
-    p.padFloats = slots() * p.padPlane;
-    p.convertFloats = p.productFloats = 0;
-    return;
-  }
   p.padPitch = p.tilesWide + 1;
   p.padPlane = (roundUp(p.height, 2) + 2) * 2 * p.padPitch;
   p.padFloats = static_cast<size_t>(in.c) * p.padPlane + lanes;
@@ -137,19 +121,15 @@ int ConvCPUWINO<Activation>::clearPadding() {
   return 0;
 }
 
-/// Packs a group's transformed weights as 16 matrices of outputs x channels. Direct weights stay as they are.
+/// Packs a group's transformed weights as 16 matrices of outputs x channels.
 template <class Activation>
 int ConvCPUWINO<Activation>::prepareWeights(const Block& weight) {
   const size_t count = plan_.outputs * plan_.channels, panelRows = cpuKernels().panelRows;
-  const size_t values = plan_.direct ? 9 : kValues;
-  weightBuffer_ = context_->CorvalithMalloc(static_cast<int>(plan_.groups * count * values), dataType_);
+  if (plan_.direct) return 0;
+  weightBuffer_ = context_->CorvalithMalloc(static_cast<int>(plan_.groups * count * kValues), dataType_);
   if (weightBuffer_ == nullptr) return fail("ConvCPUWINOImpl weight buffer create fail");
   const float* kernel = floats(&weight);
   float* group = static_cast<float*>(weightBuffer_);
-  if (plan_.direct) {
-    std::copy_n(kernel, plan_.groups * count * values, group);
-    return 0;
-  }
   for (size_t g = 0; g < plan_.groups; ++g, group += kValues * count) {
     for (size_t output = 0; output < plan_.outputs; ++output) {
       const size_t inPanel = output % panelRows, panel = output - inPanel;
@@ -179,17 +159,18 @@ int ConvCPUWINO<Activation>::reserveProduct() {
 }
 
 template <class Activation>
-int ConvCPUWINO<Activation>::forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block* bias) {
+int ConvCPUWINO<Activation>::forward(Blocks const& bottoms, Blocks const& tops, void*, Block* weight, Block* bias) {
   if (reserveProduct() != 0 || clearPadding() != 0 || requireSlots(context_) != 0) return -1;
+  if (plan_.direct) {
+    direct_.run(context_, bottoms[0]->getBatch(), floats(bottoms[0]), floats(weight), floats(bias), Activation::kRelu,
+                floats(tops[0]), floats(padBuffer_.get()));
+    return 0;
+  }
   const size_t channels = plan_.groups * plan_.channels, outputs = plan_.groups * plan_.outputs;
   ThreadParam work{this, floats(bottoms[0]), floats(bias), floats(tops[0]), 0, 0, 0};
   for (int image = 0; image < bottoms[0]->getBatch(); ++image) {
-    if (plan_.direct) {
-      dispatch(directThreadFun, outputs, work);
-    } else {
-      dispatch(padThreadFun, channels, work);
-      dispatch(winoThreadFun, plan_.groups * plan_.panels, work);
-    }
+    dispatch(padThreadFun, channels, work);
+    dispatch(winoThreadFun, plan_.groups * plan_.panels, work);
     work.x += channels * plan_.inHeight * plan_.inWidth;
     work.y += outputs * plan_.height * plan_.width;
   }
@@ -209,12 +190,9 @@ void ConvCPUWINO<Activation>::dispatch(void* (*fn)(void*), size_t total, const T
 template <class Activation>
 void ConvCPUWINO<Activation>::padPlane(const float* x, float* y) const {
   const size_t width = plan_.inWidth, pitch = plan_.padPitch, left = plan_.padLeft;
-  const size_t rowStride = plan_.direct ? pitch : 2 * pitch;
-  y += plan_.padTop * rowStride;
-  for (size_t row = 0; row < plan_.inHeight; ++row, x += width, y += rowStride) {
-    if (plan_.direct) {
-      std::memcpy(y + left, x, width * sizeof(float));
-    } else if (left % 2 == 0) {
+  y += plan_.padTop * 2 * pitch;
+  for (size_t row = 0; row < plan_.inHeight; ++row, x += width, y += 2 * pitch) {
+    if (left % 2 == 0) {
       cpuKernels().deinterleave(x, y + left / 2, y + pitch + left / 2, width);
     } else {
       cpuKernels().deinterleave(x, y + pitch + left / 2, y + left / 2 + 1, width);
@@ -229,25 +207,6 @@ void* ConvCPUWINO<Activation>::padThreadFun(void* record) {
   float* padded = floats(work.impl->padBuffer_.get());
   for (size_t c = work.first; c < work.end; ++c) {
     work.impl->padPlane(work.x + c * plan.inHeight * plan.inWidth, padded + c * plan.padPlane);
-  }
-  return nullptr;
-}
-
-template <class Activation>
-void* ConvCPUWINO<Activation>::directThreadFun(void* record) {
-  const ThreadParam& work = *static_cast<const ThreadParam*>(record);
-  const Plan& plan = work.impl->plan_;
-  const float* weights = static_cast<const float*>(work.impl->weightBuffer_);
-  float* padded = floats(work.impl->padBuffer_.get()) + work.slot * plan.padPlane;
-  float* y = work.y + work.first * plan.height * plan.width;
-  for (size_t output = work.first; output < work.end; ++output) {
-    if (output == work.first || output % plan.outputs == 0) {
-      work.impl->padPlane(work.x + output / plan.outputs * plan.inHeight * plan.inWidth, padded);
-    }
-    for (size_t row = 0; row < plan.height; ++row, y += plan.width) {
-      cpuKernels().convolveRow3x3(padded + row * plan.padPitch, plan.padPitch, weights + output * 9, work.bias[output],
-                                  Activation::kRelu, y, plan.width);
-    }
   }
   return nullptr;
 }
@@ -287,8 +246,9 @@ void ConvCPUWINO<Activation>::compute(const ThreadParam& work, size_t group, siz
     for (size_t output = firstOutput; output < endOutput; output += plan.outputBlock) {
       const size_t outputs = std::min(plan.outputBlock, endOutput - output);
       for (size_t e = 0; e < kValues; ++e) {
-        cpuKernels().packedProduct(u + e * uMatrix + output * plan.channels, outputs, v + e * vMatrix, plan.tileBlock,
-                                   columns, plan.channels, p + e * pMatrix, plan.tileBlock);
+        cpuKernels().packedProduct({u + e * uMatrix + output * plan.channels, outputs, v + e * vMatrix, plan.tileBlock,
+                                    cpuKernels().panelColumns, columns, plan.channels, p + e * pMatrix, plan.tileBlock,
+                                    nullptr, false});
       }
       for (size_t i = 0; i < outputs; ++i) {
         transformOutput(work, group * plan.outputs + output + i, tile, tiles, p + i * plan.tileBlock);

@@ -33,7 +33,7 @@ class ConvCPUWINO : public Impl {
     size_t channels, outputs;  // of a group
     size_t padTop, padLeft;
     size_t inHeight, inWidth, height, width;
-    size_t padPitch;  // of a padded row; if not direct, of its even columns, which its odd ones follow
+    size_t padPitch;  // of a padded row's even columns, which its odd ones follow
     size_t padPlane;  // one padded plane
     size_t tilesWide, tiles;
     size_t tileBlock;      // tiles whose transforms are held at a time, a multiple of the vector length
@@ -45,7 +45,7 @@ class ConvCPUWINO : public Impl {
     size_t productFloats;  // of one slot
   };
 
-  /// One slot's part of one image: input planes to pad, panels of all groups, or (direct) output planes.
+  /// One slot's part of one image: input planes to pad or panels of all groups.
   struct ThreadParam {
     ConvCPUWINO* impl;
     const float *x, *bias;
@@ -61,7 +61,6 @@ class ConvCPUWINO : public Impl {
 
   static void* padThreadFun(void* record);
   static void* winoThreadFun(void* record);
-  static void* directThreadFun(void* record);
   void dispatch(void* (*fn)(void*), size_t total, const ThreadParam& work);
   void padPlane(const float* x, float* y) const;
   void compute(const ThreadParam& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
@@ -70,6 +69,7 @@ class ConvCPUWINO : public Impl {
   void transformOutput(const ThreadParam& work, size_t output, size_t firstTile, size_t tiles, const float* p) const;
 
   Plan plan_;
+  DirectConvolution direct_;
   std::unique_ptr<Block> padBuffer_;  // zeros around the planes
   bool padIsClear_ = false;
   std::unique_ptr<Block> convertBuffer_;  // per slot: 16 values x channels x tiles of a block

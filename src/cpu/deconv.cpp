@@ -110,9 +110,10 @@ int DeconvCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* para
       std::fill(std::copy_n(x, pixels, row), row + pitch, 0.0f);
     }
     for (size_t group = 0; group < static_cast<size_t>(conv.group); ++group) {
-      cpuKernels().packedProduct(static_cast<const float*>(weightBuffer_) + group * channels * kernels, kernels,
-                                 floats(transBottom_.get()) + group * channels * pitch, pitch, pitch, channels,
-                                 floats(converTop_.get()) + group * kernels * pitch, pitch);
+      cpuKernels().packedProduct({static_cast<const float*>(weightBuffer_) + group * channels * kernels, kernels,
+                                  floats(transBottom_.get()) + group * channels * pitch, pitch,
+                                  cpuKernels().panelColumns, pitch, channels,
+                                  floats(converTop_.get()) + group * kernels * pitch, pitch, nullptr, false});
     }
     const float* column = floats(converTop_.get());
     for (int m = 0; m < out.c; ++m, y += outPixels) {

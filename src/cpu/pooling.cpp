@@ -1,7 +1,5 @@
 #include "cpu/pooling.h"
 
-#include <algorithm>
-
 #include "cpu/parallel.h"
 #include "cpu/simd/kernels.h"
 #include "layers/records.h"
@@ -9,103 +7,61 @@
 namespace corvalith {
 namespace {
 
-/// Pooling along one axis.
-struct Axis {
-  int64_t size, kernel, stride, pad;
-
-  int64_t start(int64_t window) const { return window * stride - pad; }
-  /// Cells between the window's start and its end or the padding's, whichever comes first; negative when it begins
-  /// behind the padding.
-  int64_t extent(int64_t window) const { return std::min(kernel, size + pad - start(window)); }
-  /// The cells that are read: `first` and `count`.
-  int64_t first(int64_t window) const { return std::max<int64_t>(start(window), 0); }
-  size_t count(int64_t window) const {
-    return static_cast<size_t>(std::max<int64_t>(std::min(start(window) + kernel, size) - first(window), 0));
-  }
-  /// The windows that lie inside the plane: from insideBegin to insideEnd.
-  int64_t insideBegin() const { return (pad + stride - 1) / stride; }
-  int64_t insideEnd() const { return kernel <= size + pad ? (size + pad - kernel) / stride + 1 : 0; }
-};
-
-using PoolRow = void (*)(const float*, size_t, size_t, size_t, size_t, float*, size_t);
-
-/// One row of windows. Those that lie inside the plane's columns go to the kernel together.
-void poolRow(PoolRow kernel, const float* plane, const Axis& rows, const Axis& columns, int64_t outputRow, float* y,
-             int64_t outputs) {
-  const size_t width = static_cast<size_t>(columns.size), height = rows.count(outputRow);
-  const float* x = height > 0 ? plane + static_cast<size_t>(rows.first(outputRow)) * width : plane;
-  const int64_t insideBegin = columns.insideBegin(), insideEnd = std::min(columns.insideEnd(), outputs);
-  for (int64_t i = 0; i < outputs;) {
-    const int64_t end = i >= insideBegin && i < insideEnd ? insideEnd : i + 1;
-    const size_t count = columns.count(i);
-    kernel(count > 0 ? x + columns.first(i) : x, width, height, count, static_cast<size_t>(columns.stride), y + i,
-           static_cast<size_t>(end - i));
-    i = end;
+/// Calls row(windows, output row) for every row of windows of a slot's planes.
+template <class ThreadParam, class Row>
+void forEachRow(const ThreadParam& p, Row row) {
+  const size_t width = static_cast<size_t>(p.columns.size), plane = static_cast<size_t>(p.rows.size) * width;
+  const size_t outWidth = static_cast<size_t>(p.outWidth), outPlane = static_cast<size_t>(p.outHeight) * outWidth;
+  for (size_t i = static_cast<size_t>(p.first); i < static_cast<size_t>(p.end); ++i) {
+    for (int outRow = 0; outRow < p.outHeight; ++outRow) {
+      const size_t height = p.rows.count(outRow);
+      const float* x = p.x + i * plane;
+      row(PoolRow{height > 0 ? x + static_cast<size_t>(p.rows.first(outRow)) * width : x, width, height, width,
+                  static_cast<size_t>(p.columns.kernel), static_cast<size_t>(p.columns.stride),
+                  static_cast<size_t>(p.columns.pad), p.y + i * outPlane + static_cast<size_t>(outRow) * outWidth,
+                  outWidth},
+          outRow);
+    }
   }
 }
 
 }  // namespace
 
-void* MaxPoolCPUImpl::maxPoolThreadFun(void* record) {
-  const MaxPoolThreadParam& p = *static_cast<const MaxPoolThreadParam*>(record);
-  const Axis rows{p.bottomHeight, p.kernelH, p.strideH, p.padH};
-  const Axis columns{p.bottomWidth, p.kernelW, p.strideW, p.padW};
-  const size_t inPlane = static_cast<size_t>(p.bottomHeight) * static_cast<size_t>(p.bottomWidth);
-  float* y =
-      p.top + static_cast<size_t>(p.firstChannel) * static_cast<size_t>(p.topHeight) * static_cast<size_t>(p.topWidth);
-  for (int channel = p.firstChannel; channel < p.endChannel; ++channel) {
-    const float* plane = p.bottom + static_cast<size_t>(channel) * inPlane;
-    for (int row = 0; row < p.topHeight; ++row, y += p.topWidth) {
-      poolRow(cpuKernels().maxPoolRow, plane, rows, columns, row, y, p.topWidth);
-    }
-  }
-  return nullptr;
-}
-
-int MaxPoolCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
+int PoolCPU::spread(Blocks const& bottoms, Blocks const& tops, const void* param, void* (*fn)(void*)) {
   if (requireSlots(context_) != 0) return -1;
   const PoolingParam& pool = *static_cast<const PoolingParam*>(param);
   const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
   const bool global = pool.global_pooling != 0;
-  const float* x = floats(bottoms[0]);
-  float* y = floats(tops[0]);
-  for (int image = 0; image < in.n; ++image, x += in.c * in.h * in.w, y += out.c * out.h * out.w) {
-    runOnSlots(context_, params_, maxPoolThreadFun, in.c, [&](MaxPoolThreadParam& record, int first, int end) {
-      record = {first,
-                end,
-                out.h,
-                out.w,
-                pool.stride,
-                pool.pad,
-                pool.stride,
-                pool.pad,
-                global ? in.h : pool.kernel_size,
-                global ? in.w : pool.kernel_size,
-                in.h,
-                in.w,
-                x,
-                y};
-    });
-  }
+  const PoolAxis rows{in.h, global ? in.h : pool.kernel_size, pool.stride, pool.pad};
+  const PoolAxis columns{in.w, global ? in.w : pool.kernel_size, pool.stride, pool.pad};
+  runOnSlots(context_, params_, fn, in.n * in.c, [&](ThreadParam& record, int first, int end) {
+    record = {floats(bottoms[0]), floats(tops[0]), rows, columns, out.h, out.w, first, end};
+  });
   return 0;
 }
 
+void* MaxPoolCPUImpl::maxPoolThreadFun(void* record) {
+  forEachRow(*static_cast<const ThreadParam*>(record),
+             [](const PoolRow& windows, int) { cpuKernels().maxPoolRow(windows); });
+  return nullptr;
+}
+
+int MaxPoolCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
+  return spread(bottoms, tops, param, maxPoolThreadFun);
+}
+
+void* AvePoolCPUImpl::avePoolThreadFun(void* record) {
+  const ThreadParam& p = *static_cast<const ThreadParam*>(record);
+  forEachRow(p, [&](const PoolRow& windows, int row) {
+    cpuKernels().sumPoolRow(windows);
+    const int64_t height = p.rows.extent(row);
+    for (int i = 0; i < p.outWidth; ++i) windows.y[i] /= static_cast<float>(height * p.columns.extent(i));
+  });
+  return nullptr;
+}
+
 int AvePoolCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
-  const PoolingParam& pool = *static_cast<const PoolingParam*>(param);
-  const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
-  const bool global = pool.global_pooling != 0;
-  const Axis rows{in.h, global ? in.h : pool.kernel_size, pool.stride, pool.pad};
-  const Axis columns{in.w, global ? in.w : pool.kernel_size, pool.stride, pool.pad};
-  const float* plane = floats(bottoms[0]);
-  float* y = floats(tops[0]);
-  for (int i = 0; i < in.n * in.c; ++i, plane += in.h * in.w) {
-    for (int row = 0; row < out.h; ++row, y += out.w) {
-      poolRow(cpuKernels().sumPoolRow, plane, rows, columns, row, y, out.w);
-      const int64_t height = rows.extent(row);
-      for (int column = 0; column < out.w; ++column) y[column] /= static_cast<float>(height * columns.extent(column));
-    }
-  }
-  return 0;
+  return spread(bottoms, tops, param, avePoolThreadFun);
 }
 
 }  // namespace corvalith

@@ -82,10 +82,6 @@ TEST_P(KernelsTest, Elementwise) {
                    [](float x, float, float) { return x * 0.3f; });
   checkElementwise([&](Floats x, Floats, float* y, size_t n) { k.addScaled(x, y, n, 0.3f); },
                    [](float x, float, float y) { return y + x * 0.3f; }, 1e-6f);
-  checkElementwise([&](Floats x, Floats, float* y, size_t n) { std::copy_n(x, n, y), k.addBias(y, n, 0.3f); },
-                   [](float x, float, float) { return x + 0.3f; });
-  checkElementwise([&](Floats x, Floats, float* y, size_t n) { std::copy_n(x, n, y), k.addBiasRelu(y, n, 0.3f); },
-                   [](float x, float, float) { return x + 0.3f > 0 ? x + 0.3f : 0; });
 }
 
 TEST_P(KernelsTest, DotProductsAreTheSameHoweverTheyAreSplit) {
@@ -125,28 +121,74 @@ TEST_P(KernelsTest, DotProductsOverManyRows) {
   }
 }
 
+// Every tile of the product: all heights of the last panel, narrow and whole panels of columns, columns in place and
+// in panels. Each value is also computed alone, as the first of a panel.
 TEST_P(KernelsTest, PackedProducts) {
-  for (const size_t depth : {1, 2, 255, 256, 257, 600}) {
+  for (const size_t depth : {1, 255, 256, 257, 600}) {
+    const std::vector<float> bias = noise(2 * k.panelRows + 1, 4), row = noise(depth, 5);
     for (size_t rows = 1; rows <= 2 * k.panelRows + 1; ++rows) {
-      for (size_t columns = k.lanes; columns <= k.panelColumns + k.lanes; columns += k.lanes) {
-        const size_t bStride = columns + 1, yStride = columns + 3;
-        const std::vector<float> a = noise(rows * depth, 1), b = noise(depth * bStride, 2);
+      for (size_t columns = 1; columns <= k.panelColumns + k.lanes + 1; ++columns) {
+        const size_t whole = (columns + k.panelColumns - 1) / k.panelColumns * k.panelColumns, yStride = columns + 3;
+        const std::vector<float> a = noise(rows * depth, 1), b = noise(depth * whole, 2);
         const std::vector<float> before = noise(rows * yStride, 3);
-        std::vector<float> packed(a.size()), y = before, single(columns);
+        std::vector<float> packed(a.size()), panels(b.size()), y = before, again = before;
         for (size_t m = 0; m < rows; ++m) {
           const size_t panel = m / k.panelRows * k.panelRows, height = std::min(k.panelRows, rows - panel);
           for (size_t i = 0; i < depth; ++i) packed[panel * depth + i * height + m - panel] = a[m * depth + i];
         }
-        k.packedProduct(packed.data(), rows, b.data(), bStride, columns, depth, y.data(), yStride);
+        for (size_t i = 0; i < b.size(); ++i) {
+          const size_t n = i % whole, panel = n / k.panelColumns;
+          panels[(panel * depth + i / whole) * k.panelColumns + n % k.panelColumns] = b[i];
+        }
+        const bool relu = columns % 2 == 0;
+        k.packedProduct({packed.data(), rows, panels.data(), k.panelColumns, depth * k.panelColumns, columns, depth,
+                         y.data(), yStride, bias.data(), relu});
+        k.packedProduct({packed.data(), rows, b.data(), whole, k.panelColumns, columns, depth, again.data(), yStride,
+                         bias.data(), relu});
+        ASSERT_EQ(y, again) << rows << "x" << columns << ", depth " << depth;
         for (size_t m = 0; m < rows; ++m) {
-          k.packedProduct(a.data() + m * depth, 1, b.data(), bStride, columns, depth, single.data(), columns);
           for (size_t n = 0; n < columns; ++n) {
-            double sum = 0;
-            for (size_t i = 0; i < depth; ++i) sum += static_cast<double>(a[m * depth + i]) * b[i * bStride + n];
+            double sum = bias[m];
+            for (size_t i = 0; i < depth; ++i) sum += static_cast<double>(a[m * depth + i]) * b[i * whole + n];
+            if (relu && sum < 0) sum = 0;
             ASSERT_NEAR(y[m * yStride + n], sum, 3e-5) << rows << "x" << columns << ", depth " << depth;
-            ASSERT_EQ(y[m * yStride + n], single[n]) << rows << "x" << columns << ", depth " << depth;
           }
           EXPECT_EQ(y[m * yStride + columns], before[m * yStride + columns]) << "written between the rows";
+        }
+        float alone;
+        const size_t m = (rows - 1) / 2, n = columns - 1;
+        std::vector<float> column(depth * k.lanes);
+        for (size_t i = 0; i < depth; ++i) column[i * k.lanes] = b[i * whole + n];
+        k.packedProduct(
+            {a.data() + m * depth, 1, column.data(), k.lanes, 0, 1, depth, &alone, 1, bias.data() + m, relu});
+        ASSERT_EQ(y[m * yStride + n], alone) << rows << "x" << columns << ", depth " << depth;
+      }
+    }
+  }
+}
+
+TEST_P(KernelsTest, UnfoldsIntoPanels) {
+  const size_t channels = 2, height = 13, width = 29;
+  for (const size_t stride : {1, 2, 3}) {
+    for (const auto& [kernelHeight, kernelWidth] : {std::pair<size_t, size_t>{1, 1}, {3, 3}, {5, 2}}) {
+      const size_t outHeight = (height - kernelHeight) / stride + 1, outWidth = (width - kernelWidth) / stride + 1;
+      const size_t pixels = outHeight * outWidth, depth = channels * kernelHeight * kernelWidth;
+      const size_t panelFloats = depth * k.panelColumns + k.lanes;
+      const std::vector<float> x = noise(channels * height * width + k.panelColumns * stride, 6);
+      const Unfolding u = {x.data(), height * width, width,    channels,    kernelHeight, kernelWidth,
+                           stride,   stride,         outWidth, panelFloats, true};
+      for (const size_t first : {size_t{0}, k.panelColumns}) {
+        std::vector<float> panels((pixels / k.panelColumns + 1) * panelFloats);
+        k.unfold(u, first, pixels - first, panels.data());
+        for (size_t n = first; n < pixels; ++n) {
+          for (size_t i = 0; i < depth; ++i) {
+            const size_t channel = i / kernelHeight / kernelWidth, tap = i % (kernelHeight * kernelWidth);
+            const size_t row = n / outWidth * stride + tap / kernelWidth;
+            const size_t column = n % outWidth * stride + tap % kernelWidth, at = n - first;
+            ASSERT_EQ(panels[at / k.panelColumns * panelFloats + i * k.panelColumns + at % k.panelColumns],
+                      x[(channel * height + row) * width + column])
+                << "stride " << stride << ", pixel " << n << ", depth " << i;
+          }
         }
       }
     }
@@ -194,9 +236,7 @@ TEST_P(KernelsTest, Convolutions3x3) {
       k.winogradOutput(v.data(), whole, 0.25f, relu, y.data(), y.data() + width, width);
       expectSame(y, want, 1e-5f);
       y.assign(y.size(), 0);
-      for (size_t row = 0; row < 2; ++row) {
-        k.convolveRow3x3(x.data() + row * 2 * pitch, 2 * pitch, g.data(), 0.25f, relu, y.data() + row * width, width);
-      }
+      k.convolvePlane({x.data(), 2 * pitch, 3, 3, 1, 1, g.data(), 0.25f, relu, y.data(), 2, width});
       expectSame(y, want, 1e-5f);
     }
     std::vector<float> first(width);
@@ -209,26 +249,30 @@ TEST_P(KernelsTest, Convolutions3x3) {
 
 TEST_P(KernelsTest, PoolRows) {
   for (size_t stride = 1; stride <= 4; ++stride) {
-    for (size_t columns = 0; columns <= 18; ++columns) {
-      for (const size_t rows : {0, 1, 3}) {
-        for (const size_t n : {1, 3, 8, 9, 16, 21}) {
-          const size_t width = (n - 1) * stride + columns;
-          const std::vector<float> clean = noise(rows * width, 5), dirty = values(rows * width, 5);
-          std::vector<float> maxima(n), sums(n), wantMaxima(n, -999999.9f), wantSums(n, 0);
-          k.maxPoolRow(dirty.data(), width, rows, columns, stride, maxima.data(), n);
-          k.sumPoolRow(clean.data(), width, rows, columns, stride, sums.data(), n);
-          for (size_t i = 0; i < n; ++i) {
-            for (size_t r = 0; r < rows; ++r) {
-              for (size_t c = 0; c < columns; ++c) {
-                const float x = dirty[r * width + i * stride + c];
-                if (x > wantMaxima[i]) wantMaxima[i] = x;
-                wantSums[i] += clean[r * width + i * stride + c];
+    for (const size_t columns : {1, 2, 3, 7, 18, 600}) {
+      for (const size_t padding : {size_t{0}, columns / 2, columns + 3}) {
+        for (const size_t rows : {0, 1, 3}) {
+          for (const size_t n : {1, 3, 8, 9, 16, 21, 700}) {
+            const size_t width = n * stride;  // windows go beyond both sides
+            const std::vector<float> clean = noise(rows * width, 5), dirty = values(rows * width, 5);
+            std::vector<float> maxima(n), sums(n), wantMaxima(n, -999999.9f);
+            std::vector<double> wantSums(n);
+            k.maxPoolRow({dirty.data(), width, rows, width, columns, stride, padding, maxima.data(), n});
+            k.sumPoolRow({clean.data(), width, rows, width, columns, stride, padding, sums.data(), n});
+            for (size_t i = 0; i < n; ++i) {
+              for (size_t c = i * stride; c < i * stride + columns; ++c) {
+                if (c < padding || c - padding >= width) continue;
+                for (size_t r = 0; r < rows; ++r) {
+                  const float x = dirty[r * width + c - padding];
+                  if (x > wantMaxima[i]) wantMaxima[i] = x;
+                  wantSums[i] += clean[r * width + c - padding];
+                }
               }
             }
+            SCOPED_TRACE("stride " + std::to_string(stride) + ", columns " + std::to_string(columns));
+            expectSame(maxima, wantMaxima, 0);
+            expectSame(sums, {wantSums.begin(), wantSums.end()}, 2e-4f);
           }
-          SCOPED_TRACE("stride " + std::to_string(stride) + ", columns " + std::to_string(columns));
-          expectSame(maxima, wantMaxima, 0);
-          expectSame(sums, wantSums, 1e-5f);
         }
       }
     }

@@ -29,6 +29,10 @@ std::vector<SpreadLayer> spreadLayers() {
       convolution("Winograd split within groups", {2, 15, 9, 21}, 21, 3, 3),
       convolution("depthwise", {2, 11, 5, 6}, 22, 3, 11),
       {"fully connected", {3, 5, 4, 3}, layer("FC", "out", {"in"}, FCParam{13})},
+      convolution("convolution of the input itself", {2, 5, 31, 29}, 7, 1),
+      convolution("convolution of some unfolded pixels", {2, 40, 31, 29}, 50, 1),
+      convolution("depthwise in 5 x 5", {2, 11, 9, 17}, 11, 5, 11),
+      {"average pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{1, 3, 1, 2, 0})},
       {"maximum pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{0, 3, 1, 2, 0})},
       {"normalisation", {2, 11, 5, 7}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
   };

@@ -5,6 +5,53 @@
 
 namespace corvalith {
 
+/// Y = A * B + bias, with a ReLU where told, for matrices in the layouts that `packedProduct` wants: pR rows and pC
+/// columns to a panel, CpuKernels::panelRows and panelColumns.
+struct PackedProduct {
+  const float* a;  // panels of pR rows, the last one of what is left; per panel and k, the rows' values side by side
+  size_t rows;
+  const float* b;  // value (k, n) at b[n / pC * bPanel + k * bStride + n % pC], read up to whole vectors of columns
+  size_t bStride, bPanel;
+  size_t columns, depth;
+  float* y;  // value (m, n) at y[m * yStride + n]
+  size_t yStride;
+  const float* bias;  // a value per row, or null
+  bool relu;
+};
+
+/// The input of a convolution, and which of its values every output pixel covers.
+struct Unfolding {
+  const float* x;       // first channel
+  size_t plane, width;  // floats from one channel to the next, and from one row to the next
+  size_t channels, kernelHeight, kernelWidth;
+  size_t strideHeight, strideWidth;
+  size_t outWidth;
+  size_t panelFloats;  // from one panel to the next: at least panelColumns * depth + lanes
+  bool readsBehind;    // what follows x may be read, up to panelColumns * strideWidth floats
+};
+
+/// One plane convolved by one kernel: y = bias + weighted sums, with a ReLU where told.
+struct PlaneConvolution {
+  const float* x;  // padded; rows are `width` floats apart
+  size_t width;
+  size_t kernelHeight, kernelWidth, strideHeight, strideWidth;
+  const float* weights;
+  float bias;
+  bool relu;
+  float* y;
+  size_t outHeight, outWidth;
+};
+
+/// A row of n pooling windows: y[i] reduces columns i * stride - padding to i * stride - padding + `columns` of the
+/// rows, as far as they are within the plane.
+struct PoolRow {
+  const float* x;  // column 0 of the first row that is within the plane; rows are rowStride apart
+  size_t rowStride, rows, width;
+  size_t columns, stride, padding;
+  float* y;
+  size_t n;
+};
+
 /// One build of all inner loops. Pointers need no alignment beyond a float's; ranges may be empty; in and out may be
 /// the same range where both have one length. A NaN is never greater than anything, so it becomes 0 in `relu`. An
 /// output has the same bits wherever it stands in a range, so work may be split anywhere (sumPoolRow alone is an
@@ -21,8 +68,6 @@ struct CpuKernels {
   void (*maximum)(const float* a, const float* b, float* y, size_t n);               // y = a > b ? a : b
   void (*scale)(const float* x, float* y, size_t n, float factor);                   // y = x * factor
   void (*addScaled)(const float* x, float* y, size_t n, float factor);               // y = y + x * factor
-  void (*addBias)(float* y, size_t n, float bias);                                   // y = y + bias
-  void (*addBiasRelu)(float* y, size_t n, float bias);                               // y = max(y + bias, 0)
 
   /// y[m * yStride + n] += dot product of row m of `a` and row n of `b`. Rows are `depth` values, `stride` apart. The
   /// sum over the depth starts at 0 and is added to y at the end: keep depths to some thousands for its accuracy.
@@ -32,11 +77,12 @@ struct CpuKernels {
   size_t lanes;      // values in a vector
   size_t panelRows;  // rows of `a` that packedProduct takes at a time
   size_t panelColumns;
-  /// y[m * yStride + n] = sum over k of A[m][k] * b[k * bStride + n], for a multiple of `lanes` columns n; nothing for
-  /// a depth of 0. `a` holds A in panels of panelRows rows, the last one of what is left: per panel and k, the rows'
-  /// values side by side.
-  void (*packedProduct)(const float* a, size_t rows, const float* b, size_t bStride, size_t columns, size_t depth,
-                        float* y, size_t yStride);
+  /// Nothing for a depth of 0. A sum is cut into chunks of some hundred steps, for its accuracy.
+  void (*packedProduct)(const PackedProduct& product);
+  /// Column panels for output pixels first to first + columns: value (k, n) at panels[n / pC * panelFloats + k * pC +
+  /// n % pC], where k counts channels, kernel rows and kernel columns. Writes garbage behind each panel and into the
+  /// last one's other columns.
+  void (*unfold)(const Unfolding& u, size_t first, size_t columns, float* panels);
 
   /// evens[i] = x[2 * i], odds[i] = x[2 * i + 1], n values in all.
   void (*deinterleave)(const float* x, float* evens, float* odds, size_t n);
@@ -47,15 +93,12 @@ struct CpuKernels {
   /// A^T P A + bias, with a ReLU where told, for neighbouring tiles laid out as above: n values to each of the output
   /// rows y0 and y1, of which y1 may be null. Reads as if the tiles were rounded up to `lanes`.
   void (*winogradOutput)(const float* p, size_t plane, float bias, bool relu, float* y0, float* y1, size_t n);
-  /// y[i] = bias + the weighted sum of the 3 x 3 values that begin at x[i], with a ReLU where told; rows of x are
-  /// rowStride apart. Reads as if n were rounded up to `lanes`.
-  void (*convolveRow3x3)(const float* x, size_t rowStride, const float* weights, float bias, bool relu, float* y,
-                         size_t n);
+  /// May read lanes * strideWidth floats behind the last value that an output covers.
+  void (*convolvePlane)(const PlaneConvolution& p);
 
-  /// y[i] = maximum, or sum, of the window of rows x columns values that begins at x[i * stride]; the rows of x are
-  /// `rowStride` apart. The maximum starts at -999999.9, which an empty window leaves, and ignores NaNs.
-  void (*maxPoolRow)(const float* x, size_t rowStride, size_t rows, size_t columns, size_t stride, float* y, size_t n);
-  void (*sumPoolRow)(const float* x, size_t rowStride, size_t rows, size_t columns, size_t stride, float* y, size_t n);
+  /// The maximum starts at -999999.9, which a window outside the plane leaves, and ignores NaNs.
+  void (*maxPoolRow)(const PoolRow& row);
+  void (*sumPoolRow)(const PoolRow& row);
 
   /// y = last + factor * entering^2 - factor * leaving^2; `entering` and `leaving` may be null, `last` may be y.
   void (*slideSquares)(const float* last, const float* entering, const float* leaving, float* y, size_t n,

@@ -23,6 +23,14 @@ constexpr int kLanes = 8;
 constexpr int kLanes = 4;
 #endif
 
+// Block of a matrix product whose sums fit the registers.
+#if defined(__aarch64__)
+constexpr int kPanelRows = 8, kPanelVectors = 3;  // 24 sums of 32 registers
+#else
+constexpr int kPanelRows = 6, kPanelVectors = 2;  // 12 sums of 16 registers
+#endif
+constexpr size_t kPanelColumns = kPanelVectors * kLanes;
+
 template <int W>
 struct VecTypes;
 template <>
@@ -59,6 +67,19 @@ CORVALITH_INLINE void store(float* p, V v) {
   __builtin_memcpy(p, &v, sizeof v);
 }
 
+/// The first `count` lanes, or all.
+CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
+  if (count >= kLanes) return store(p, v);
+  float lanes[kLanes];
+  store(lanes, v);
+  size_t i = 0;
+  if constexpr (kLanes == 8) {
+    if ((count & 4) != 0) store(p, load<4>(lanes)), i = 4;
+  }
+  if ((count & 2) != 0) __builtin_memcpy(p + i, lanes + i, 2 * sizeof(float)), i += 2;
+  if ((count & 1) != 0) p[i] = lanes[i];
+}
+
 template <int W>
 CORVALITH_INLINE Vec<W> splat(float x) {
   return x - Vec<W>{};
@@ -90,6 +111,13 @@ CORVALITH_INLINE Vec<4> greater(Vec<4> x, Vec<4> number) {
 }
 #endif
 
+/// sum + bias, with a ReLU where told.
+template <class V>
+CORVALITH_INLINE V biased(V sum, float bias, bool relu) {
+  sum += bias;
+  return relu ? greater(sum, V{}) : sum;
+}
+
 CORVALITH_INLINE float sumOfLanes(Vec<4> v) { return (v[0] + v[2]) + (v[1] + v[3]); }
 #if defined(__AVX2__)
 CORVALITH_INLINE float sumOfLanes(Vec<8> v) {
@@ -97,19 +125,30 @@ CORVALITH_INLINE float sumOfLanes(Vec<8> v) {
 }
 #endif
 
-/// p[0], p[2], ... p[2 * (W - 1)], touching nothing behind the last of them.
-template <int W>
-CORVALITH_INLINE Vec<W> loadEven(const float* p);
-template <>
-CORVALITH_INLINE Vec<4> loadEven<4>(const float* p) {
-  return __builtin_shufflevector(load<4>(p), load<4>(p + 3), 0, 2, 5, 7);
-}
+/// Every other value of those that begin with `low`, where `high` begins with low's last.
+CORVALITH_INLINE Vec<4> evenOf(Vec<4> low, Vec<4> high) { return __builtin_shufflevector(low, high, 0, 2, 5, 7); }
 #if defined(__AVX2__)
-template <>
-CORVALITH_INLINE Vec<8> loadEven<8>(const float* p) {
-  return __builtin_shufflevector(load<8>(p), load<8>(p + 7), 0, 2, 4, 6, 9, 11, 13, 15);
+CORVALITH_INLINE Vec<8> evenOf(Vec<8> low, Vec<8> high) {
+  return __builtin_shufflevector(low, high, 0, 2, 4, 6, 9, 11, 13, 15);
 }
 #endif
+
+/// p[0], p[2], ... p[2 * (W - 1)], touching nothing behind the last of them.
+template <int W>
+CORVALITH_INLINE Vec<W> loadEven(const float* p) {
+  return evenOf(load<W>(p), load<W>(p + W - 1));
+}
+
+/// Values STRIDE apart; 0 stands for `stride`.
+template <int STRIDE>
+CORVALITH_INLINE V loadStrided(const float* p, size_t stride) {
+  if constexpr (STRIDE == 1) return load<kLanes>(p);
+  if constexpr (STRIDE == 2) return loadEven<kLanes>(p);
+  V v{};
+#pragma GCC unroll 8
+  for (int i = 0; i < kLanes; ++i) v[i] = p[static_cast<size_t>(i) * stride];
+  return v;
+}
 
 }  // namespace
 }  // namespace corvalith
