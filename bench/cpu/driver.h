@@ -77,7 +77,7 @@ inline Job readJob(int argc, char** argv) {
   return job;
 }
 
-/// `load` makes an engine that needs nothing more than its input to run.
+/// `load` makes an engine that needs nothing but its input to run.
 template <typename Load>
 int serve(int argc, char** argv, Load load) {
   FILE* answers = fdopen(dup(STDOUT_FILENO), "w");

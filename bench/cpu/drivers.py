@@ -39,7 +39,8 @@ class Driver:
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True,
                                         env=environment)
         _, load, self.version = self.answer()
-        self.load, self.wall, self.cpu, self.peak = float(load), [], [], 0.0
+        self.load, self.wall, self.cpu = float(load), [], []
+        self.first = float(self.ask("run 1")[0].split(":")[0])
 
     def answer(self):
         line = self.process.stdout.readline()
@@ -72,7 +73,10 @@ class Driver:
         cpu = statistics.median(self.cpu)
         peak = 1024 * int(self.ask("quit")[0])
         self.process.wait()
-        return {"cpu": cpu, "wall": statistics.median(self.wall), "spread": (high - low) / cpu, "load": self.load,
+        wall = statistics.median(self.wall)
+        # Some engines initialise when they are created, others in their first run.
+        load = self.load + max(0.0, self.first - wall)
+        return {"cpu": cpu, "wall": wall, "spread": (high - low) / cpu, "load": load, "before_first": self.load,
                 "peak": peak, "version": self.version}
 
     def stop(self):

@@ -50,8 +50,9 @@ class Graph:
         y = self.add("Gemm", [x], (1, outputs), weights)
         return self.relu(y) if relu else y
 
-    def classify(self, x):
-        self.outputs = [self.softmax(self.fc(x, 1000, relu=False), 1)]
+    def classify(self, x, gain=1.0):
+        """The gain keeps scores so small that Softmax does not hide all but the best of them."""
+        self.outputs = [self.softmax(self.fc(x, 1000, relu=False, gain=gain), 1)]
         return self
 
     def relu(self, x):

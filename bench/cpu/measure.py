@@ -14,7 +14,7 @@ import numpy as np
 
 import networks
 import report
-from drivers import OURS, Driver, commands
+from drivers import HERE, OURS, Driver, commands
 
 TOLERANCE = 1e-4  # of the largest output
 
@@ -43,10 +43,16 @@ def progress(text):
         sys.stderr.flush()
 
 
+def stale(path):
+    """Missing, or older than what writes networks."""
+    sources = [os.path.join(HERE, s) for s in ("graph.py", "networks.py", "caffe_format.py", "onnx_format.py")]
+    return not os.path.exists(path) or os.path.getmtime(path) < max(map(os.path.getmtime, sources))
+
+
 def prepare(name, chosen):
-    """Makes a network's files where they are missing, and our model always: the converter may have changed."""
+    """Makes a network's files where they are stale, and our model always: the converter may have changed."""
     base = os.path.join(chosen.folder, name)
-    if not os.path.exists(base + ".json"):
+    if stale(base + ".json"):
         progress("%s: making the network" % name)
         os.makedirs(chosen.folder, exist_ok=True)
         networks.write(chosen.folder, name)

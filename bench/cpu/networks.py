@@ -100,7 +100,7 @@ def googlenet():
                    (112, 144, 288, 32, 64, 64), (256, 160, 320, 32, 128, 128)):
         x = inception(x, *widths)
     x = inception(g.max_pool(x, 3, 2), 256, 160, 320, 32, 128, 128)
-    return g.classify(g.average(inception(x, 384, 192, 384, 48, 128, 128)))
+    return g.classify(g.average(inception(x, 384, 192, 384, 48, 128, 128)), gain=0.3)
 
 
 def resnet(blocks, bottleneck):
@@ -120,7 +120,7 @@ def resnet(blocks, bottleneck):
             else:
                 y = g.conv(g.conv(x, width, 3, stride, 1), width, 3, pad=1, relu=False, gain=0.5)
             x = g.relu(g.sum(shortcut, y))
-    return g.classify(g.average(x))
+    return g.classify(g.average(x), gain=0.3)
 
 
 def vgg16():

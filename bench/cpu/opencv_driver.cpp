@@ -1,5 +1,4 @@
-// OpenCV DNN on BASE.prototxt and BASE.caffemodel. It prepares much of a network in its first run only, which its time
-// to load leaves out.
+// OpenCV DNN on BASE.prototxt and BASE.caffemodel. It prepares much of a network in its first run only.
 #include <opencv2/core/utility.hpp>
 #include <opencv2/dnn.hpp>
 

@@ -49,7 +49,7 @@ def draw(figures):
             out.append(text(LEFT + length + 4, y + BAR - 2, "%.2f" % ratio, "small"))
             y += BAR
         y += GAP
-    out.append('<line x1="%.1f" x2="%.1f" y1="%d" y2="%d" class="line"/>' % (LEFT + scale, LEFT + scale, TOP - 6, y - 8))
+    lines = ['<line x1="%.1f" x2="%.1f" y1="%d" y2="%d" class="line"/>' % (LEFT + scale, LEFT + scale, TOP - 6, y - 8)]
     head = [text(16, 24, "Time of a run, as a part of the fastest other engine's (shorter is faster)", "title")]
     x = 16
     for engine in [e for e in NAMES if any(e in r["engines"] for r in networks.values())]:
@@ -59,7 +59,7 @@ def draw(figures):
     cores = "1 thread" if figures["threads"] == 1 else "%d threads" % figures["threads"]
     head.append(text(16, y + 8, "%s, %s, batch 1, 32-bit floats" % (figures["processor"], cores), "small"))
     return ('<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 %d %d" width="%d">\n<style>%s</style>\n%s\n</svg>\n'
-            % (WIDTH, y + 18, WIDTH, STYLE, "\n".join(head + out)))
+            % (WIDTH, y + 18, WIDTH, STYLE, "\n".join(head + lines + out)))
 
 
 def main(figures, drawing):
