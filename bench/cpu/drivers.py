@@ -6,9 +6,7 @@ import subprocess
 import tempfile
 
 import numpy as np
-
-HERE = os.path.dirname(os.path.abspath(__file__))
-OURS = "corvalith"
+from report import HERE, OURS
 
 
 def commands(programs):

@@ -14,7 +14,8 @@ import numpy as np
 
 import networks
 import report
-from drivers import HERE, OURS, Driver, commands
+from drivers import Driver, commands
+from report import HERE, OURS
 
 TOLERANCE = 1e-4  # of the largest output
 
@@ -45,7 +46,8 @@ def progress(text):
 
 def stale(path):
     """Missing, or older than what writes networks."""
-    sources = [os.path.join(HERE, s) for s in ("graph.py", "networks.py", "caffe_format.py", "onnx_format.py")]
+    sources = [os.path.join(HERE, s) for s in ("graph.py", "networks.py", "caffe_format.py", "onnx_format.py",
+                                               "wire_format.py")]
     return not os.path.exists(path) or os.path.getmtime(path) < max(map(os.path.getmtime, sources))
 
 
@@ -75,6 +77,9 @@ def difference(ours, theirs, detections):
     """The largest, as a part of the largest value; infinite where the sizes differ."""
     if detections:
         ours, theirs = rows(ours), rows(theirs)
+        if not np.array_equal(ours[:, :2], theirs[:, :2]):  # image and label
+            return float("inf")
+        ours, theirs = ours[:, 2:], theirs[:, 2:]
     if ours.size == 0 or ours.shape != theirs.shape or not np.isfinite(ours).all():
         return float("inf")
     return float(np.abs(ours - theirs).max() / np.abs(theirs).max())

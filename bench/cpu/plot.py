@@ -5,7 +5,7 @@ import json
 import statistics
 import sys
 
-from drivers import OURS
+from report import OURS
 
 TITLES = {"squeezenet": "SqueezeNet 1.1", "mobilenet": "MobileNet v1", "alexnet": "AlexNet",
           "mobilenet_ssd": "MobileNet-SSD 300", "mobilenet_ssd_heads": "MobileNet-SSD, heads only",

@@ -4,7 +4,8 @@ import os
 import platform
 import statistics
 
-from drivers import HERE, OURS
+HERE = os.path.dirname(os.path.abspath(__file__))
+OURS = "corvalith"
 
 
 def processor():
