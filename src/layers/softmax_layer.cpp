@@ -26,12 +26,12 @@ struct AxisSplit {
   int outer = 1, depth = 1, inner = 1;
 };
 
-/// The softmax on the host; its room for the largest value and the sum of each column.
+/// The softmax on the host; its room for the largest value and the sum of each column, which is kept and only grows.
 class HostSoftmax {
  public:
   /// Returns false when there is no memory.
-  bool allocateLargest(int columns) { return allocate(largest_, columns); }
-  bool allocateSum(int columns) { return allocate(sum_, columns); }
+  bool allocateLargest(int columns) { return largest_.reserve(columns); }
+  bool allocateSum(int columns) { return sum_.reserve(columns); }
 
   /// x and y may be the same.
   void normalize(const float* x, float* y, const AxisSplit& split) {
@@ -40,15 +40,24 @@ class HostSoftmax {
   }
 
  private:
-  static bool allocate(std::unique_ptr<float[]>& values, int count) {
-    values.reset(new (std::nothrow) float[static_cast<size_t>(count)]);
-    return values != nullptr;
-  }
+  struct Column {
+    std::unique_ptr<float[]> values;
+    int capacity = 0;
+
+    bool reserve(int count) {
+      if (count <= capacity) return true;
+      capacity = 0;
+      values.reset();  // before the larger one is made
+      values.reset(new (std::nothrow) float[static_cast<size_t>(count)]);
+      if (values != nullptr) capacity = count;
+      return values != nullptr;
+    }
+  };
 
   /// Over `depth` rows of `inner` values, column by column.
   void softmaxCell(const float* x, float* y, size_t depth, size_t inner) {
-    float* const largest = largest_.get();
-    float* const sum = sum_.get();
+    float* const largest = largest_.values.get();
+    float* const sum = sum_.values.get();
     std::copy_n(x, inner, largest);
     for (size_t k = 1; k < depth; ++k) {
       for (size_t j = 0; j < inner; ++j) largest[j] = std::max(largest[j], x[k * inner + j]);
@@ -66,7 +75,7 @@ class HostSoftmax {
     }
   }
 
-  std::unique_ptr<float[]> largest_, sum_;
+  Column largest_, sum_;
 };
 
 class SoftmaxCPUImpl final : public Impl {
@@ -74,13 +83,15 @@ class SoftmaxCPUImpl final : public Impl {
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
     const AxisSplit split(record, tops[0]->shape());
-    HostSoftmax host;
-    if (!host.allocateLargest(split.inner) || !host.allocateSum(split.inner)) {
+    if (!host_.allocateLargest(split.inner) || !host_.allocateSum(split.inner)) {
       return fail("SoftmaxGPUImpl memory alloc fail");
     }
-    host.normalize(floats(bottoms[0]), floats(tops[0]), split);
+    host_.normalize(floats(bottoms[0]), floats(tops[0]), split);
     return 0;
   }
+
+ private:
+  HostSoftmax host_;
 };
 
 /// On the host, for the sake of exp's precision; a network in halves is converted to floats and back by the device.

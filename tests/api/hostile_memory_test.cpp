@@ -155,6 +155,33 @@ TEST_F(HostileMemory, AnInitialisedNetworkSurvivesAFailedRun) {
   }
 }
 
+// Every type's network, DetectionOutput's apart: its results are of any number.
+TEST_F(HostileMemory, ASteadyRunAllocatesNothing) {
+  const std::vector<tools::ModelLayer> all = everyTypeModel();
+  for (size_t i = 0; i < all.size(); ++i) {
+    if (all[i].type == "DetectionOutput") continue;
+    SCOPED_TRACE(all[i].type + " " + all[i].name);
+    const std::vector<tools::ModelLayer> net = onlyLayer(all, i);
+    PublicAgent agent;
+    ASSERT_EQ(agent.build(dir_.write("steady.cvm", tools::modelBytes("steady", net))), 0);
+    ASSERT_EQ(agent.initialize(), 0);
+    for (const tools::ModelLayer& input : net) {
+      if (!input.bottoms.empty()) continue;
+      Shape s;
+      ASSERT_EQ(CorvalithGetNetInputSize(agent.handle(), &s.n, &s.c, &s.h, &s.w, input.name.c_str(), 0), 0);
+      ASSERT_EQ(agent.setInput(input.name, noise(s, 1)), 0);
+    }
+    ASSERT_EQ(agent.run(), 0);
+    bool allocated;
+    {
+      const AllocationFault fault(0, AllocationFault::kNewAndMalloc, AllocationFault::kFromThenOn);
+      agent.run();
+      allocated = fault.happened();
+    }
+    EXPECT_FALSE(allocated);
+  }
+}
+
 // Half-initialised layers are not initialised over again, though there is memory now.
 TEST_F(HostileMemory, AFailedInitialisationStaysFailed) {
   for (long number = 0; number < 1000; number += 50) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 #include <set>
 
 #include "core/cpu_device.h"
@@ -80,9 +81,9 @@ TEST(SlotTable, WakesSleepingWorkers) {
 }
 
 TEST(SlotTable, StopsWorkersInEveryState) {
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < 10000; ++round) {
     CPUDevice device;
-    init(device, 2 + round % 7);
+    init(device, round % 50 == 0 ? kMaxCpuSlots : 2);
     Part parts[kMaxCpuSlots];
     if (round % 3 != 0) dispatch(device, parts, 1);
     if (round % 5 == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -94,6 +95,17 @@ TEST(SlotTable, StopsWorkersInEveryState) {
     }
     EXPECT_EQ(parts[1].runs, (round % 3 != 0 ? 1 : 0) + (round % 2 == 0 ? 1 : 0)) << "round " << round;
   }
+}
+
+TEST(SlotTable, IdleWorkersTakeNoTime) {
+  CPUDevice device;
+  init(device, kMaxCpuSlots);
+  Part parts[kMaxCpuSlots];
+  dispatch(device, parts, 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until all sleep
+  const std::clock_t before = std::clock();                    // of all threads
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 100);
 }
 
 TEST(SlotTable, TwoDevicesShareTheProcess) {

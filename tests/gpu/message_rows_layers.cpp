@@ -212,13 +212,13 @@ void softmaxWithoutHostMemory(GPUDevice& device) {
   GPUContext context(&device, kFloat);
   const LayerCase c{"", layer("Softmax", "", {}, SoftmaxParam{1}), {{{1, 2, 3, 4}}}};
   BuiltNet net(networkOf(c), context);
-  const Tensor smaller = noise({1, 2, 3, 3}, 1);
-  ASSERT_EQ(net.setInput("in0", smaller), 0);
+  const Tensor larger = noise({1, 2, 3, 5}, 1);
+  ASSERT_EQ(net.setInput("in0", larger), 0);
   ASSERT_EQ(net.net.getLayerFromName("in0")->reshape(), 0);
   device.synchronize();
   Layer& softmax = *net.net.getLayerFromName("tested");
-  for (long number = 0, refused = 0; refused < 2 && number < 10; ++number) {
-    const AllocationFault fault(number);
+  for (long attempt = 0, refused = 0; refused < 2 && attempt < 10; ++attempt) {
+    const AllocationFault fault(attempt / 2);  // twice: what was made in an attempt is there in the next
     try {
       if (softmax.reshape() != 0) ++refused;
     } catch (const std::bad_alloc&) {
