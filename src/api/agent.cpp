@@ -1,5 +1,6 @@
 #include "api/agent.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "core/cpu_device.h"
@@ -7,6 +8,13 @@
 #include "core/log.h"
 
 namespace corvalith {
+namespace {
+
+bool isHalfGpu(const std::unique_ptr<Context>& context) {
+  return context->getDeviceType() == CORVALITH_GPU && context->getDataType() == CORVALITH_FP16;
+}
+
+}  // namespace
 
 Agent::~Agent() {
   for (const std::unique_ptr<Context>& context : contexts_) context->synchronize();
@@ -47,6 +55,10 @@ int InferenceAgent::taskAssign(std::string const& path) {
     auto net = std::make_unique<Net>(context.get());
     if (net->buildInferenceNet(model_) != 0) return -11;
     nets_.push_back(std::move(net));
+  }
+  if (std::none_of(contexts_.begin(), contexts_.end(), isHalfGpu)) {  // others refuse to dump before they read it
+    for (const std::unique_ptr<Context>& context : contexts_) context->synchronize();
+    model_->clearModelData();
   }
   return 0;
 }

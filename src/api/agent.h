@@ -60,7 +60,7 @@ class InferenceAgent final : public Agent {
   template <class Operation>
   int withNet(int netIndex, const char* noNets, Operation operation);
 
-  std::shared_ptr<Model> model_;  // kept for the half-precision dump
+  std::shared_ptr<Model> model_;  // its image is kept where a half-precision copy can be asked for
   bool isNbModel_ = false;        // set by a path, cleared by a dump call only
 };
 

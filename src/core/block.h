@@ -45,6 +45,8 @@ class Block {
   /// Replaces the contents by getSize() floats.
   int setData(const float* values);
   int clear();
+  /// Gives the memory back; the shape stays.
+  void release();
   /// Copies the whole tensor to getSize() host floats.
   int getCPUData(float* out) const;
   bool isLike(const Block* other) const { return shape() == other->shape(); }
@@ -55,7 +57,6 @@ class Block {
  protected:
   enum Kind { kTop = 0, kImpl = 2, kPlain = 3 };
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx, Kind kind, const char* failure);
-  void release();
 
  private:
   bool allocatable() const { return shape().elements() >= 0; }

@@ -8,12 +8,15 @@
 #include <cstring>
 #include <exception>
 
+#include "core/block.h"
 #include "core/log.h"
+#include "core/memory.h"
 
 namespace corvalith {
 namespace {
 
 constexpr int kFirstCore = 4;
+constexpr size_t kCacheLine = 16;  // floats
 
 /// What a slot's starter and worker meet at. Process-wide, so that a slot found by its core number has its own.
 struct SlotSync {
@@ -53,7 +56,7 @@ constexpr std::chrono::microseconds kIdle{20};
 constexpr int kPollsPerYield = 256;
 
 void* allocate(int count, size_t elementSize) {
-  void* mem = count < 0 ? nullptr : std::malloc(std::max<size_t>(1, static_cast<size_t>(count) * elementSize));
+  void* mem = count < 0 ? nullptr : allocateBytes(std::max<size_t>(1, static_cast<size_t>(count) * elementSize));
   if (mem == nullptr) logError("malloc failed");
   return mem;
 }
@@ -167,6 +170,27 @@ int CPUDevice::startThreadRunning() {
     }
   }
   return 0;
+}
+
+CPUContext::CPUContext(Device* device, CORVALITH_DATATYPE type) : Context(device, type) {}
+
+CPUContext::~CPUContext() = default;
+
+int CPUContext::reserve(Scratch use, size_t floats) {
+  std::unique_ptr<Block>& present = scratch_[static_cast<size_t>(use)];
+  const size_t size = std::min<size_t>(floats, kMaxBlockElements) + kCacheLine;
+  if (present != nullptr && static_cast<size_t>(present->getSize()) >= size) return 0;
+  auto block = std::make_unique<Block>(1, 1, 1, static_cast<int>(size), CORVALITH_FP32, this);
+  if (block->getData() == nullptr) return -1;
+  present = std::move(block);
+  return 0;
+}
+
+float* CPUContext::scratch(Scratch use, size_t floats) const {
+  const std::unique_ptr<Block>& block = scratch_[static_cast<size_t>(use)];
+  if (block == nullptr || static_cast<size_t>(block->getSize()) < floats + kCacheLine) return nullptr;
+  const uintptr_t line = kCacheLine * sizeof(float), address = reinterpret_cast<uintptr_t>(block->getData());
+  return reinterpret_cast<float*>((address + line - 1) / line * line);
 }
 
 void* threadFun(void* argument) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -10,6 +11,8 @@
 #include "core/device.h"
 
 namespace corvalith {
+
+class Block;
 
 /// The most slots that a dispatch can use; implementations keep one parameter record per slot.
 constexpr int kMaxCpuSlots = 8;
@@ -74,16 +77,32 @@ class CPUDevice final : public Device {
 /// A worker's loop over its slot; the argument is a ThreadSlot. Returns null once the slot's exit flag is set.
 void* threadFun(void* slot);
 
-/// Context of a CPU device; adds the dispatch operations of CPUDevice.
+/// What implementations keep in the scratch memory of a context.
+enum class Scratch { kPadded, kUnfolded, kProducts };
+
+/// Context of a CPU device; adds the dispatch operations of CPUDevice, and scratch memory that all implementations on
+/// it share, as they run one after the other.
 class CPUContext final : public Context {
  public:
-  using Context::Context;
+  CPUContext(Device* device, CORVALITH_DATATYPE type);
+  ~CPUContext() override;
   int setThreadParam(void* param, void* (*fn)(void*), int index) { return device()->setThreadParam(param, fn, index); }
   int startThreadRunning() { return device()->startThreadRunning(); }
   int getThreadNum() const { return device()->getThreadNum(); }
 
+  /// Has so many floats at hand from now on; -1, with what there was, when there is no memory for them. More than
+  /// kMaxBlockElements are refused.
+  int reserve(Scratch use, size_t floats);
+  /// From the beginning of a cache line; what it holds lasts until the implementation returns. Null when fewer floats
+  /// were reserved.
+  float* scratch(Scratch use, size_t floats) const;
+
  private:
+  static constexpr size_t kUses = 3;
+
   CPUDevice* device() const { return static_cast<CPUDevice*>(getDevice()); }
+
+  std::unique_ptr<Block> scratch_[kUses];
 };
 
 }  // namespace corvalith

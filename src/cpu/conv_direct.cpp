@@ -1,42 +1,33 @@
 #include "cpu/conv_direct.h"
 
+#include "cpu/pad.h"
 #include "cpu/parallel.h"
-#include "cpu/simd/kernels.h"
 
 namespace corvalith {
 
 void DirectConvolution::plan(const Shape& in, const Shape& out, const ConvParam& conv) {
-  padding_ = paddingOf(in, conv);
+  padded_ = paddedPlane(in, conv, static_cast<size_t>(out.h));
   conv_ = conv;
+  in_ = in;
   out_ = out;
-  // Vectors may read behind a row, so behind the last one too.
-  scratchFloats_ = roundUp(padding_.floats() + cpuKernels().lanes * static_cast<size_t>(conv.stride_w), kCacheLine);
+  scratchFloats_ = planeFloats(padded_);
 }
 
 void* DirectConvolution::threadFun(void* record) {
   const ThreadParam& work = *static_cast<const ThreadParam*>(record);
   const ConvParam& conv = work.plan->conv_;
-  const Padding& padding = work.plan->padding_;
+  const PaddedPlane& padded = work.plan->padded_;
+  const Shape in = work.plan->in_, out = work.plan->out_;
   const size_t taps = static_cast<size_t>(conv.kernel_h) * static_cast<size_t>(conv.kernel_w);
-  const size_t inPlane = padding.inHeight * padding.inWidth;
-  const int outputs = work.plan->out_.c, perChannel = outputs / conv.group;
-  const Shape out = work.plan->out_;
-  PlaneConvolution plane = {work.scratch,
-                            padding.width,
-                            static_cast<size_t>(conv.kernel_h),
-                            static_cast<size_t>(conv.kernel_w),
-                            static_cast<size_t>(conv.stride_h),
-                            static_cast<size_t>(conv.stride_w),
-                            nullptr,
-                            0,
-                            work.relu,
-                            nullptr,
-                            static_cast<size_t>(out.h),
-                            static_cast<size_t>(out.w)};
+  const size_t inPlane = static_cast<size_t>(in.h) * static_cast<size_t>(in.w);
+  const int perChannel = out.c / conv.group;
+  PlaneConvolution plane = {
+      work.scratch, padded.layout, static_cast<size_t>(conv.kernel_h), static_cast<size_t>(conv.kernel_w), nullptr, 0,
+      work.relu,    nullptr,       static_cast<size_t>(out.h),         static_cast<size_t>(out.w)};
   for (int i = work.first; i < work.end; ++i) {
-    const size_t output = static_cast<size_t>(i % outputs);
+    const size_t output = static_cast<size_t>(i % out.c);
     if (i == work.first || i % perChannel == 0) {
-      padPlane(padding, work.x + static_cast<size_t>(i / perChannel) * inPlane, work.scratch);
+      cpuKernels().padPlane(padded, work.x + static_cast<size_t>(i / perChannel) * inPlane, work.scratch);
     }
     plane.weights = work.weights + output * taps;
     plane.bias = work.bias[output];

@@ -3,7 +3,7 @@
 
 #include "core/block.h"
 #include "core/cpu_device.h"
-#include "cpu/pad.h"
+#include "cpu/simd/kernels.h"
 #include "layers/records.h"
 
 namespace corvalith {
@@ -32,9 +32,9 @@ class DirectConvolution {
   };
   static void* threadFun(void* record);
 
-  Padding padding_;
+  PaddedPlane padded_;
   ConvParam conv_;
-  Shape out_;
+  Shape in_, out_;
   size_t scratchFloats_ = 0;
   ThreadParam params_[kMaxCpuSlots];
 };

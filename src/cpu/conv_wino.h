@@ -1,12 +1,9 @@
 // Convolution by 3 x 3 kernels with stride 1, through the Winograd algorithm F(2x2, 3x3).
 #pragma once
 
-#include <memory>
-
-#include "core/cpu_device.h"
-#include "cpu/conv_gemm.h"
-#include "layers/impl.h"
-#include "layers/records.h"
+#include "cpu/conv_cpu.h"
+#include "cpu/conv_direct.h"
+#include "cpu/simd/kernels.h"
 
 namespace corvalith {
 
@@ -14,13 +11,10 @@ namespace corvalith {
 /// for each of which the sum over the channels is a matrix product, and what comes out is transformed back. That takes
 /// 16 multiplications per channel and tile instead of 36. For each image the planes are padded, and then every slot
 /// takes a range of tiles, or of outputs where tiles are few, through all three steps in blocks that stay in its cache.
-/// With one input channel per group the transforms do not pay, and the sums are formed directly. `param` is a
-/// ConvParam; the layer has checked that weights, bias and shapes fit it.
-template <class Activation>
-class ConvCPUWINO : public Impl {
+/// With one input channel per group the transforms do not pay, and the sums are formed directly.
+class ConvCPUWINO : public ConvCPU {
  public:
-  using Impl::Impl;
-  ~ConvCPUWINO() override;
+  using ConvCPU::ConvCPU;
   int init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
   int forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
   int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
@@ -31,62 +25,34 @@ class ConvCPUWINO : public Impl {
     bool direct;  // one input channel per group
     size_t groups;
     size_t channels, outputs;  // of a group
-    size_t padTop, padLeft;
-    size_t inHeight, inWidth, height, width;
-    size_t padPitch;  // of a padded row's even columns, which its odd ones follow
-    size_t padPlane;  // one padded plane
+    size_t inPlane, height, width;
+    PaddedPlane padded;
+    size_t padPlane;  // floats of a padded plane
     size_t tilesWide, tiles;
     size_t tileBlock;      // tiles whose transforms are held at a time, a multiple of the vector length
     size_t outputBlock;    // outputs whose products are held at a time, a multiple of the panel
     bool splitTiles;       // slots take panels of tiles, else panels of outputs
     size_t panels;         // of either, in a group
     size_t padFloats;      // of all planes, or of one per slot
-    size_t convertFloats;  // of one slot
-    size_t productFloats;  // of one slot
+    size_t convertFloats;  // of one slot: 16 values x channels x tiles of a block
+    size_t productFloats;  // of one slot: 16 values x outputs x tiles of a block
   };
 
-  /// One slot's part of one image: input planes to pad or panels of all groups.
-  struct ThreadParam {
-    ConvCPUWINO* impl;
-    const float *x, *bias;
-    float* y;
-    size_t slot, first, end;
-  };
-
-  size_t slots() const;
   void makePlan(const Shape& in, const Shape& out, const ConvParam& conv);
-  int clearPadding();
   int prepareWeights(const Block& weight);
-  int reserveProduct();
 
   static void* padThreadFun(void* record);
   static void* winoThreadFun(void* record);
-  void dispatch(void* (*fn)(void*), size_t total, const ThreadParam& work);
-  void padPlane(const float* x, float* y) const;
-  void compute(const ThreadParam& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
+  void compute(const Work& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
                size_t endOutput) const;
-  void transformInput(size_t group, size_t firstTile, size_t tiles, float* v) const;
-  void transformOutput(const ThreadParam& work, size_t output, size_t firstTile, size_t tiles, const float* p) const;
+  void transformInput(const Work& work, size_t group, size_t tile, size_t tiles, float* v) const;
+  void transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles, const float* p) const;
 
   Plan plan_;
   DirectConvolution direct_;
-  std::unique_ptr<Block> padBuffer_;  // zeros around the planes
-  bool padIsClear_ = false;
-  std::unique_ptr<Block> convertBuffer_;  // per slot: 16 values x channels x tiles of a block
-  std::unique_ptr<float[]> product_;      // per slot: 16 values x outputs x tiles of a block
-  size_t productSize_ = 0;
-  ThreadParam params_[kMaxCpuSlots];
 };
 
-class ConvCPUWINOImpl final : public ConvCPUWINO<NoActivation> {
- public:
-  using ConvCPUWINO::ConvCPUWINO;
-};
-
-/// With a ReLU after the bias.
-class ConvCPUWINOWithActImpl final : public ConvCPUWINO<ReluActivation> {
- public:
-  using ConvCPUWINO::ConvCPUWINO;
-};
+using ConvCPUWINOImpl = WithActivation<ConvCPUWINO, false>;
+using ConvCPUWINOWithActImpl = WithActivation<ConvCPUWINO, true>;
 
 }  // namespace corvalith

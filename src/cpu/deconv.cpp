@@ -4,6 +4,7 @@
 
 #include "core/log.h"
 #include "cpu/simd/kernels.h"
+#include "cpu/sizes.h"
 
 namespace corvalith {
 namespace {
@@ -64,7 +65,7 @@ int DeconvCPUImpl::init(Blocks const& bottoms, Blocks const&, void* param, Block
   converTop_ = makeBlock(columnScratch(in, conv), dataType_, context_);
   if (converTop_->getData() == nullptr) return fail("DeconvCPUImpl converTop create fail");
   if (weight == nullptr || weight->getData() == nullptr) return fail("weight get data failed");
-  weightBuffer_ = context_->CorvalithMalloc(weight->getSize(), dataType_);
+  weightBuffer_ = context_->CorvalithMalloc(weight->getSize() + static_cast<int>(kCacheLine), dataType_);
   if (weightBuffer_ == nullptr) return fail("DeconvCPUImpl weightBuffer_ create fail");
   prepareWeights(floats(weight), static_cast<size_t>(conv.group), static_cast<size_t>(in.c / conv.group),
                  static_cast<size_t>(weight->getSize() / in.c));

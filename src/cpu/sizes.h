@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <initializer_list>
 #include <limits>
 
@@ -14,23 +13,12 @@ constexpr size_t kCacheLine = 16;  // floats
 inline size_t divideUp(size_t count, size_t divisor) { return (count + divisor - 1) / divisor; }
 inline size_t roundUp(size_t count, size_t multiple) { return divideUp(count, multiple) * multiple; }
 
-/// The next cache line's beginning.
-inline float* aligned(void* memory) {
-  return reinterpret_cast<float*>(roundUp(reinterpret_cast<uintptr_t>(memory), kCacheLine * sizeof(float)));
-}
-
 /// A product of factors of at most 32 bits; from INT_MAX on, INT_MAX.
 inline size_t limitedProduct(std::initializer_list<size_t> factors) {
   constexpr size_t kLimit = std::numeric_limits<int>::max();
   size_t product = 1;
   for (const size_t factor : factors) product = std::min(product * factor, kLimit);
   return product;
-}
-
-/// The width of a block that holds so many floats once they are aligned; one that no block can have, where they are too
-/// many.
-inline int widthFor(size_t count) {
-  return static_cast<int>(std::min<size_t>(count + kCacheLine, std::numeric_limits<int>::max()));
 }
 
 }  // namespace corvalith

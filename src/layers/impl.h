@@ -27,6 +27,8 @@ class Impl {
   virtual int init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias);
   virtual int forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) = 0;
   virtual int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias);
+  /// Whether `forward` and `reshape` still read the weights after `init`. The layer gives up what nobody reads.
+  virtual bool readsWeights() const { return true; }
   /// Bytes of the prepared weights; implementations that prepare none ignore it and give 0.
   virtual void setImplWeightSize(int bytes);
   virtual int getImplWeightSize();

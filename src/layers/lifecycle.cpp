@@ -147,6 +147,7 @@ int LayerLifecycle<Base>::initForward(std::vector<Layer*> const& bottoms) {
     return failWith(messages().implInit);
   }
   rememberShapes();
+  if (weight_ != nullptr && !this->impl_->readsWeights()) weight_->release();
   return afterInit();
 }
 

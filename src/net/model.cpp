@@ -2,14 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <new>
 
 #include "core/log.h"
+#include "core/memory.h"
 
 namespace corvalith {
 namespace {
@@ -35,18 +36,15 @@ int Model::loadModelDataFromFile(std::string const& path) {
   in.seekg(0, std::ios::end);
   const std::streamoff end = in.tellg();
   in.seekg(0, std::ios::beg);
-  if (!data_.empty()) clearModelData();
+  clearModelData();
   const size_t size = end < 0 ? 0 : static_cast<size_t>(end);
   if (size > std::numeric_limits<uint32_t>::max()) return failToOpen(EFBIG);
   size_t got = 0;
-  try {
-    data_.resize(size);
-    in.read(data_.data(), static_cast<std::streamsize>(size));
+  if (allocate(size)) {
+    in.read(data_.get(), static_cast<std::streamsize>(size));
     got = static_cast<size_t>(in.gcount());
-  } catch (const std::bad_alloc&) {
-    got = 0;
   }
-  if (data_.size() != size || got != size) {
+  if (size_ != size || got != size) {
     logDebug("error: only %zu data could be read", got);
     return -1;
   }
@@ -54,16 +52,21 @@ int Model::loadModelDataFromFile(std::string const& path) {
   return 0;
 }
 
+bool Model::allocate(size_t size) {
+  data_.reset(static_cast<char*>(allocateBytes(std::max<size_t>(size, 1))));
+  if (data_ != nullptr) size_ = size;
+  return data_ != nullptr;
+}
+
 void Model::loadModelDataFromMemory(char const* bytes, int size) {
-  if (!data_.empty()) clearModelData();
-  if (size < 1) return;
-  data_.assign(bytes, bytes + size);
+  clearModelData();
+  if (size >= 1 && allocate(static_cast<size_t>(size))) std::memcpy(data_.get(), bytes, size_);
 }
 
 int Model::getDataPtr(unsigned int size, char const*& ptr) {
-  const uint64_t remaining = static_cast<uint64_t>(data_.size()) - offset_;
+  const uint64_t remaining = static_cast<uint64_t>(size_) - offset_;
   if (remaining < size) return fail("unmatched requested memory size");
-  ptr = data_.data() + offset_;
+  ptr = data_.get() + offset_;
   offset_ += size;
   return 0;
 }
@@ -72,7 +75,8 @@ void Model::setOffset(int) { offset_ = 0; }
 
 void Model::clearModelData() {
   offset_ = 0;
-  std::vector<char>().swap(data_);
+  size_ = 0;
+  data_.reset();
 }
 
 }  // namespace corvalith

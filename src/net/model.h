@@ -1,8 +1,9 @@
 // The image of a model file.
 #pragma once
 
+#include <cstdlib>
+#include <memory>
 #include <string>
-#include <vector>
 
 namespace corvalith {
 
@@ -28,7 +29,10 @@ class Model {
  private:
   bool nbModel_ = false;
   unsigned int offset_ = 0;
-  std::vector<char> data_;
+  size_t size_ = 0;
+  std::unique_ptr<char, decltype(&std::free)> data_{nullptr, std::free};
+
+  bool allocate(size_t size);
 };
 
 }  // namespace corvalith

@@ -167,30 +167,64 @@ TEST_P(KernelsTest, PackedProducts) {
   }
 }
 
-TEST_P(KernelsTest, UnfoldsIntoPanels) {
-  const size_t channels = 2, height = 13, width = 29;
-  for (const size_t stride : {1, 2, 3}) {
-    for (const auto& [kernelHeight, kernelWidth] : {std::pair<size_t, size_t>{1, 1}, {3, 3}, {5, 2}}) {
-      const size_t outHeight = (height - kernelHeight) / stride + 1, outWidth = (width - kernelWidth) / stride + 1;
-      const size_t pixels = outHeight * outWidth, depth = channels * kernelHeight * kernelWidth;
+/// A plane padded by one column and two rows on every side, column by column as a convolution counts them.
+struct Padded {
+  Padded(const CpuKernels& k, const std::vector<float>& x, size_t height, size_t width, size_t stride)
+      : layout{stride, (width + 2 + stride - 1) / stride, (width + 2 + stride - 1) / stride * stride, stride} {
+    y = noise((height + 4) * layout.pitch + k.panelColumns, 7);
+    k.padPlane({layout, height, width, width, 2, 1, height + 4}, x.data(), y.data());
+  }
+  float& at(size_t row, size_t column) {
+    return y[row * layout.pitch + column % layout.stride * layout.phase + column / layout.stride];
+  }
+  PlaneLayout layout;
+  std::vector<float> y;
+};
+
+TEST_P(KernelsTest, PadsAndUnfolds) {
+  const size_t height = 11;
+  for (const size_t width : {1, 2, 5, 9, 29, 40}) {
+    const std::vector<float> x = noise(height * width, 6);
+    for (const size_t stride : {1, 2, 3}) {
+      SCOPED_TRACE("width " + std::to_string(width) + ", stride " + std::to_string(stride));
+      Padded padded(k, x, height, width, stride);
+      for (size_t row = 0; row < height + 4; ++row) {
+        for (size_t column = 0; column < width + 2; ++column) {
+          const bool inside = row >= 2 && row < height + 2 && column >= 1 && column <= width;
+          ASSERT_EQ(padded.at(row, column), inside ? x[(row - 2) * width + column - 1] : 0) << row << ", " << column;
+        }
+      }
+      const size_t kernelHeight = 5, kernelWidth = std::min<size_t>(width + 2, 4), depth = kernelHeight * kernelWidth;
+      const size_t outWidth = (width + 2 - kernelWidth) / stride + 1, pixels = ((height - 1) / stride + 1) * outWidth;
       const size_t panelFloats = depth * k.panelColumns + k.lanes;
-      const std::vector<float> x = noise(channels * height * width + k.panelColumns * stride, 6);
-      const Unfolding u = {x.data(), height * width, width,    channels,    kernelHeight, kernelWidth,
-                           stride,   stride,         outWidth, panelFloats, true};
       for (const size_t first : {size_t{0}, k.panelColumns}) {
         std::vector<float> panels((pixels / k.panelColumns + 1) * panelFloats);
-        k.unfold(u, first, pixels - first, panels.data());
+        if (first >= pixels) continue;
+        k.unfold({padded.y.data(), 0, padded.layout, 1, kernelHeight, kernelWidth, outWidth, panelFloats}, first,
+                 pixels - first, panels.data());
         for (size_t n = first; n < pixels; ++n) {
           for (size_t i = 0; i < depth; ++i) {
-            const size_t channel = i / kernelHeight / kernelWidth, tap = i % (kernelHeight * kernelWidth);
-            const size_t row = n / outWidth * stride + tap / kernelWidth;
-            const size_t column = n % outWidth * stride + tap % kernelWidth, at = n - first;
+            const size_t at = n - first;
             ASSERT_EQ(panels[at / k.panelColumns * panelFloats + i * k.panelColumns + at % k.panelColumns],
-                      x[(channel * height + row) * width + column])
-                << "stride " << stride << ", pixel " << n << ", depth " << i;
+                      padded.at(n / outWidth * stride + i / kernelWidth, n % outWidth * stride + i % kernelWidth))
+                << "pixel " << n << ", depth " << i;
           }
         }
       }
+    }
+  }
+}
+
+TEST_P(KernelsTest, PacksColumns) {
+  const size_t depth = 3;
+  for (size_t columns = 1; columns <= 2 * k.panelColumns + 1; ++columns) {
+    const std::vector<float> x = noise(depth * columns, 6);
+    const size_t panelFloats = depth * k.panelColumns;
+    std::vector<float> panels((columns / k.panelColumns + 1) * panelFloats);
+    k.packColumns(x.data(), columns, depth, columns, panels.data(), panelFloats);
+    for (size_t i = 0; i < x.size(); ++i) {
+      const size_t n = i % columns, row = i / columns;
+      ASSERT_EQ(panels[n / k.panelColumns * panelFloats + row * k.panelColumns + n % k.panelColumns], x[i]);
     }
   }
 }
@@ -217,12 +251,9 @@ TEST_P(KernelsTest, Convolutions3x3) {
   for (size_t width = 1; width <= kMaxLength; ++width) {
     const size_t tiles = (width + 1) / 2, whole = (tiles + k.lanes - 1) / k.lanes * k.lanes;
     const size_t pitch = whole + 1;
-    const std::vector<float> x = noise(4 * 2 * pitch, 5);
+    const std::vector<float> x = noise(4 * 2 * pitch + k.lanes, 5);
     std::vector<float> split(x.size()), v(16 * whole);
-    for (size_t row = 0; row < 4; ++row) {
-      float* evens = split.data() + row * 2 * pitch;
-      k.deinterleave(x.data() + row * 2 * pitch, evens, evens + pitch, 2 * pitch);
-    }
+    k.padPlane({{2, pitch, 2 * pitch, 2}, 4, 2 * pitch, 2 * pitch, 0, 0, 4}, x.data(), split.data());
     k.winogradInput(split.data(), pitch, v.data(), whole, tiles, whole);
     for (size_t e = 0; e < 16; ++e) {
       double u = 0;
@@ -236,14 +267,13 @@ TEST_P(KernelsTest, Convolutions3x3) {
       k.winogradOutput(v.data(), whole, 0.25f, relu, y.data(), y.data() + width, width);
       expectSame(y, want, 1e-5f);
       y.assign(y.size(), 0);
-      k.convolvePlane({x.data(), 2 * pitch, 3, 3, 1, 1, g.data(), 0.25f, relu, y.data(), 2, width});
+      k.convolvePlane({x.data(), {1, 2 * pitch, 2 * pitch, 1}, 3, 3, g.data(), 0.25f, relu, y.data(), 2, width});
       expectSame(y, want, 1e-5f);
     }
+    const std::vector<float> want = convolveTwoRows(x, 2 * pitch, g.data(), width, 0, false);
     std::vector<float> first(width);
     k.winogradOutput(v.data(), whole, 0, false, first.data(), nullptr, width);
-    first.push_back(0);
-    k.deinterleave(first.data(), v.data(), v.data() + whole, width);
-    for (size_t i = 0; i < width; ++i) EXPECT_EQ(v[i % 2 * whole + i / 2], first[i]);
+    expectSame(first, {want.begin(), want.begin() + static_cast<std::ptrdiff_t>(width)}, 1e-5f);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "cpu/conv_gemm.h"
 #include "cpu/conv_wino.h"
 #include "tests/layers/conv_cases.h"
 

@@ -8,7 +8,9 @@ namespace corvalith {
 /// Y = A * B + bias, with a ReLU where told, for matrices in the layouts that `packedProduct` wants: pR rows and pC
 /// columns to a panel, CpuKernels::panelRows and panelColumns.
 struct PackedProduct {
-  const float* a;  // panels of pR rows, the last one of what is left; per panel and k, the rows' values side by side
+  // Panels of pR rows, the last one of what is left; per panel and k, the rows' values side by side. What follows the
+  // last may be read, up to pR values.
+  const float* a;
   size_t rows;
   const float* b;  // value (k, n) at b[n / pC * bPanel + k * bStride + n % pC], read up to whole vectors of columns
   size_t bStride, bPanel;
@@ -19,22 +21,38 @@ struct PackedProduct {
   bool relu;
 };
 
+/// How convolutions have their input planes laid out. Columns are sorted by what is left of their number after division
+/// by the stride, so that what a tap of the kernel meets in neighbouring outputs lies side by side: column c of a row
+/// is at (c % stride) * phase + c / stride.
+struct PlaneLayout {
+  size_t stride, phase;
+  size_t pitch;    // floats from one row to the next: stride * phase
+  size_t rowStep;  // rows between those where two rows of outputs begin
+};
+
+/// A plane in this layout with zeros around it.
+struct PaddedPlane {
+  PlaneLayout layout;
+  size_t inHeight, inWidth, inPitch;  // of the plane alone; floats from one of its rows to the next
+  size_t top, left;                   // rows and columns of zeros before it
+  size_t height;                      // rows, with those of zeros
+};
+
 /// The input of a convolution, and which of its values every output pixel covers.
 struct Unfolding {
-  const float* x;       // first channel
-  size_t plane, width;  // floats from one channel to the next, and from one row to the next
+  const float* x;  // first channel
+  size_t plane;    // floats from one channel to the next
+  PlaneLayout layout;
   size_t channels, kernelHeight, kernelWidth;
-  size_t strideHeight, strideWidth;
   size_t outWidth;
   size_t panelFloats;  // from one panel to the next: at least panelColumns * depth + lanes
-  bool readsBehind;    // what follows x may be read, up to panelColumns * strideWidth floats
 };
 
 /// One plane convolved by one kernel: y = bias + weighted sums, with a ReLU where told.
 struct PlaneConvolution {
-  const float* x;  // padded; rows are `width` floats apart
-  size_t width;
-  size_t kernelHeight, kernelWidth, strideHeight, strideWidth;
+  const float* x;
+  PlaneLayout layout;
+  size_t kernelHeight, kernelWidth;
   const float* weights;
   float bias;
   bool relu;
@@ -81,11 +99,16 @@ struct CpuKernels {
   void (*packedProduct)(const PackedProduct& product);
   /// Column panels for output pixels first to first + columns: value (k, n) at panels[n / pC * panelFloats + k * pC +
   /// n % pC], where k counts channels, kernel rows and kernel columns. Writes garbage behind each panel and into the
-  /// last one's other columns.
+  /// last one's other columns; reads panelColumns values from each pixel on.
   void (*unfold)(const Unfolding& u, size_t first, size_t columns, float* panels);
+  /// The same of a matrix whose rows are `stride` apart, reading nothing else.
+  void (*packColumns)(const float* x, size_t stride, size_t depth, size_t columns, float* panels, size_t panelFloats);
 
-  /// evens[i] = x[2 * i], odds[i] = x[2 * i + 1], n values in all.
-  void (*deinterleave)(const float* x, float* evens, float* odds, size_t n);
+  /// Writes a padded plane, zeros included, and up to `lanes` values behind it.
+  void (*padPlane)(const PaddedPlane& plane, const float* x, float* y);
+  /// U = G g G^T of F(2x2, 3x3) for outputs x channels kernels: 16 matrices of outputs x channels, packed as
+  /// packedProduct takes them.
+  void (*winogradKernels)(const float* kernels, size_t outputs, size_t channels, float* u);
   /// V = B^T d B of F(2x2, 3x3) for n neighbouring tiles: value e (0 to 15) of tile i goes to v[e * plane + i]. `x` is
   /// the first tile's first row, whose even columns lie there and whose odd ones at x + pitch; rows are 2 * pitch
   /// apart. Reads as if n were rounded up to `lanes`, and one value more; writes garbage behind n tiles, up to `room`.
@@ -93,7 +116,7 @@ struct CpuKernels {
   /// A^T P A + bias, with a ReLU where told, for neighbouring tiles laid out as above: n values to each of the output
   /// rows y0 and y1, of which y1 may be null. Reads as if the tiles were rounded up to `lanes`.
   void (*winogradOutput)(const float* p, size_t plane, float bias, bool relu, float* y0, float* y1, size_t n);
-  /// May read lanes * strideWidth floats behind the last value that an output covers.
+  /// Reads `lanes` values from each output's first one on.
   void (*convolvePlane)(const PlaneConvolution& p);
 
   /// The maximum starts at -999999.9, which a window outside the plane leaves, and ignores NaNs.

@@ -80,6 +80,18 @@ CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
   if ((count & 1) != 0) p[i] = lanes[i];
 }
 
+/// The first `count` lanes of memory, fewer than all; zeros in the others.
+CORVALITH_INLINE V loadFront(const float* p, size_t count) {
+  float lanes[kLanes] = {};
+  size_t i = 0;
+  if constexpr (kLanes == 8) {
+    if ((count & 4) != 0) store(lanes, load<4>(p)), i = 4;
+  }
+  if ((count & 2) != 0) __builtin_memcpy(lanes + i, p + i, 2 * sizeof(float)), i += 2;
+  if ((count & 1) != 0) lanes[i] = p[i];
+  return load<kLanes>(lanes);
+}
+
 template <int W>
 CORVALITH_INLINE Vec<W> splat(float x) {
   return x - Vec<W>{};
@@ -112,11 +124,18 @@ CORVALITH_INLINE Vec<4> greater(Vec<4> x, Vec<4> number) {
 #endif
 
 /// sum + bias, with a ReLU where told.
-template <class V>
-CORVALITH_INLINE V biased(V sum, float bias, bool relu) {
-  sum += bias;
-  return relu ? greater(sum, V{}) : sum;
-}
+class Activation {
+ public:
+  Activation(float bias, bool relu) : bias_(splat<kLanes>(bias)), relu_(relu) {}
+  CORVALITH_INLINE V operator()(V sum) const {
+    sum += bias_;
+    return relu_ ? greater(sum, V{}) : sum;
+  }
+
+ private:
+  const V bias_;
+  const bool relu_;
+};
 
 CORVALITH_INLINE float sumOfLanes(Vec<4> v) { return (v[0] + v[2]) + (v[1] + v[3]); }
 #if defined(__AVX2__)
