@@ -5,8 +5,9 @@
 namespace corvalith {
 namespace {
 
-/// Floats that one thread has done before another one could take its share.
-constexpr size_t kFewFloats = 16384;
+/// Floats that one thread has done before others had taken over their shares: where these wait for work, and where one
+/// of them sleeps, which takes some fifty microseconds to wake.
+constexpr size_t kFewFloats = 16384, kFewForSleepers = 32 * kFewFloats;
 
 /// Ranges are cut where both vectors and cache lines end: floats in a line.
 constexpr size_t kLineFloats = 16;
@@ -24,11 +25,19 @@ void* rangeThreadFun(void* record) {
   return nullptr;
 }
 
+bool worthSpreading(Context* context, size_t floats) {
+  CPUDevice& device = *static_cast<CPUDevice*>(context->getDevice());
+  if (device.getThreadNum() < 2 || floats < kFewFloats) return false;
+  const ThreadSlot* const slots = device.getThreadParam();
+  const auto awake = [](const ThreadSlot& slot) { return slot.wake.load(std::memory_order_relaxed); };
+  return floats >= kFewForSleepers || std::all_of(slots + 1, slots + device.getThreadNum(), awake);
+}
+
 }  // namespace
 
 void spreadRanges(Context* context, size_t total, size_t cost, RangeFunction fn, const void* work) {
   if (total == 0) return;
-  if (total * cost < kFewFloats || static_cast<CPUContext*>(context)->getThreadNum() < 2) return fn(work, 0, total);
+  if (!worthSpreading(context, total * cost)) return fn(work, 0, total);
   const size_t grain = cost < kLineFloats ? kLineFloats : 1;
   RangeRecord records[kMaxCpuSlots];
   runOnSlots(

@@ -35,7 +35,7 @@ std::vector<SpreadLayer> spreadLayers() {
       {"average pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{1, 3, 1, 2, 0})},
       {"maximum pooling", {2, 11, 9, 9}, layer("Pooling", "out", {"in"}, PoolingParam{0, 3, 1, 2, 0})},
       {"normalisation", {2, 11, 5, 7}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
-      {"normalisation of large planes", {2, 11, 25, 27}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
+      {"normalisation of large planes", {2, 11, 77, 79}, layer("LRN", "out", {"in"}, LRNParam{1.0f, 0.75f, 5, 1.0f})},
   };
   for (SpreadLayer& spread : all) {
     int outputs = 0, depth = spread.in.c;
@@ -53,9 +53,9 @@ std::vector<SpreadLayer> spreadLayers() {
   return all;
 }
 
-/// Layers that run without a slot, too. The inputs are large enough to be spread.
+/// Layers that run without a slot, too. The inputs are so large that sleeping workers are woken for them.
 std::vector<SpreadLayer> lightLayers() {
-  const Shape in{2, 11, 37, 41};
+  const Shape in{2, 11, 151, 161};
   const auto withValues = [](tools::ModelLayer made, size_t weights) {
     made.weights = noise(weights, 1);
     made.biases = noise(11, 2);
@@ -81,7 +81,7 @@ std::vector<SpreadLayer> lightLayers() {
       {"rows of channels", in, layer("Permute", "out", {"in"}, PermuteParam{4, {2, 0, 1, 3}})},
       {"softmax of columns", in, layer("Softmax", "out", {"in"}, SoftmaxParam{1})},
       {"softmax of long rows", in, layer("Softmax", "out", {"in"}, SoftmaxParam{3})},
-      {"softmax of short rows", {2, 700, 21, 1}, layer("Softmax", "out", {"in"}, SoftmaxParam{2})},
+      {"softmax of short rows", {2, 3200, 21, 1}, layer("Softmax", "out", {"in"}, SoftmaxParam{2})},
   };
 }
 
