@@ -12,7 +12,7 @@ namespace corvalith {
 namespace {
 
 constexpr size_t kQuad = 4;     // the values behind the last quad of an image are worked out in double precision
-constexpr size_t kCost = 4;     // the time of one value, in floats read and written
+constexpr size_t kCost = 6;     // the time of one value, in floats read and written
 constexpr size_t kChunk = 512;  // places whose window of channels stays in the first-level cache
 
 }  // namespace

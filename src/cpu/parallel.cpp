@@ -7,7 +7,7 @@ namespace {
 
 /// Floats that one thread has done before others had taken over their shares: where these wait for work, and where one
 /// of them sleeps, which takes some fifty microseconds to wake.
-constexpr size_t kFewFloats = 16384, kFewForSleepers = 32 * kFewFloats;
+constexpr size_t kFewFloats = 16384, kFewForSleepers = 64 * kFewFloats;
 
 /// Ranges are cut where both vectors and cache lines end: floats in a line.
 constexpr size_t kLineFloats = 16;
