@@ -9,7 +9,13 @@
 
 namespace corvalith {
 
-constexpr int kQuad = 4;
+namespace {
+
+constexpr size_t kQuad = 4;     // the values behind the last quad of an image are worked out in double precision
+constexpr size_t kCost = 6;     // the time of one value, in floats read and written
+constexpr size_t kChunk = 512;  // places whose window of channels stays in the first-level cache
+
+}  // namespace
 
 LRNCPUImpl::~LRNCPUImpl() {
   if (scale_ != nullptr) context_->CorvalithRelease(scale_);
@@ -23,54 +29,64 @@ int LRNCPUImpl::makeScale(int count) {
   return scale_ != nullptr ? 0 : fail("LRNCPUImpl scale buffer create fail");
 }
 
-int LRNCPUImpl::init(Blocks const&, Blocks const& tops, void*, Block*, Block*) { return makeScale(tops[0]->getSize()); }
-
-int LRNCPUImpl::reshape(Blocks const&, Blocks const& tops, void*, Block*, Block*) {
-  return makeScale(tops[0]->getSize());
+int LRNCPUImpl::init(Blocks const&, Blocks const& tops, void*, Block*, Block*) {
+  const Shape s = tops[0]->shape();
+  return makeScale(s.n * s.h * s.w);
 }
 
-/// The base of the power for one image, by a window that slides along the channels.
-void LRNCPUImpl::sumSquares(const float* x, const Shape& shape, const void* param) {
-  const LRNParam& lrn = *static_cast<const LRNParam*>(param);
+int LRNCPUImpl::reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) {
+  return init(bottoms, tops, param, weight, bias);
+}
+
+/// A window slides along the channels; `base` is that of the power, at n neighbouring places.
+void LRNCPUImpl::normalize(const Image& image, size_t place, size_t n, float* base) {
   const CpuKernels& kernels = cpuKernels();
-  const float factor = lrn.alpha / static_cast<float>(lrn.local_size);
-  const int64_t half = lrn.local_size / 2, channels = shape.c;
-  const size_t plane = static_cast<size_t>(shape.h) * static_cast<size_t>(shape.w);
-  const auto channel = [=](int64_t c) { return x + static_cast<size_t>(c) * plane; };
-  std::fill_n(scale_, plane, lrn.k);
-  for (int64_t c = 0; c <= std::min(half, channels - 1); ++c) {
-    kernels.slideSquares(scale_, channel(c), nullptr, scale_, plane, factor);
+  const size_t half = image.half, channels = image.channels, plane = image.plane;
+  const float* x = image.x + place;
+  float* y = image.y + place;
+  std::fill_n(base, n, image.k);
+  for (size_t c = 0; c <= std::min(half, channels - 1); ++c) {
+    kernels.slideSquares(base, x + c * plane, nullptr, base, n, image.factor);
   }
-  const float* last = scale_;
-  for (int64_t c = 1; c < channels; ++c, last += plane) {
-    kernels.slideSquares(last, c + half < channels ? channel(c + half) : nullptr,
-                         c - half > 0 ? channel(c - half - 1) : nullptr, scale_ + static_cast<size_t>(c) * plane, plane,
-                         factor);
+  const size_t exact = channels * plane / kQuad * kQuad;
+  for (size_t c = 0, at = 0; c < channels; ++c, at += plane) {
+    if (c > 0) {
+      kernels.slideSquares(base, c + half < channels ? x + (c + half) * plane : nullptr,
+                           c > half ? x + (c - half - 1) * plane : nullptr, base, n, image.factor);
+    }
+    kernels.powerTimes(base, x + at, y + at, n, image.exponent);
+    for (size_t i = exact - std::min(exact, at + place); i < n; ++i) {
+      y[at + i] =
+          static_cast<float>(std::pow(static_cast<double>(base[i]), static_cast<double>(image.exponent)) * x[at + i]);
+    }
   }
-}
-
-void* LRNCPUImpl::lrnThreadFun(void* record) {
-  const LrnThreadParam& p = *static_cast<const LrnThreadParam*>(record);
-  const size_t first = static_cast<size_t>(p.firstQuad) * kQuad, end = static_cast<size_t>(p.endQuad) * kQuad;
-  cpuKernels().powerTimes(p.scale + first, p.bottom + first, p.top + first, end - first, p.negativeBeta);
-  return nullptr;
 }
 
 int LRNCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
   if (requireSlots(context_) != 0) return -1;
-  const float negativeBeta = -static_cast<const LRNParam*>(param)->beta;
+  const LRNParam& lrn = *static_cast<const LRNParam*>(param);
   const Shape shape = bottoms[0]->shape();
-  const int count = shape.c * shape.h * shape.w;
-  const float* x = floats(bottoms[0]);
-  float* y = floats(tops[0]);
-  for (int image = 0; image < shape.n; ++image, x += count, y += count) {
-    sumSquares(x, shape, param);
-    runOnSlots(context_, params_, lrnThreadFun, count / kQuad,
-               [&](LrnThreadParam& record, int first, int end) { record = {x, scale_, y, negativeBeta, first, end}; });
-    for (int i = count / kQuad * kQuad; i < count; ++i) {
-      y[i] = static_cast<float>(std::pow(static_cast<double>(scale_[i]), static_cast<double>(negativeBeta)) * x[i]);
+  const size_t plane = static_cast<size_t>(shape.h) * static_cast<size_t>(shape.w);
+  const size_t channels = static_cast<size_t>(shape.c);
+  const Image firstImage{floats(bottoms[0]),
+                         floats(tops[0]),
+                         channels,
+                         plane,
+                         lrn.local_size / 2,
+                         lrn.alpha / static_cast<float>(lrn.local_size),
+                         lrn.k,
+                         -lrn.beta};
+  spread(context_, plane * static_cast<size_t>(shape.n), channels * kCost, [=](size_t first, size_t end) {
+    float* const base = scale_ + first;  // no other range has these
+    for (size_t n; first < end; first += n) {
+      const size_t place = first % plane, start = first / plane * channels * plane;
+      n = std::min({end - first, plane - place, kChunk});
+      Image image = firstImage;
+      image.x += start;
+      image.y += start;
+      normalize(image, place, n, base);
     }
-  }
+  });
   return 0;
 }
 

@@ -1,7 +1,6 @@
 // Local response normalisation across channels on the CPU.
 #pragma once
 
-#include "core/cpu_device.h"
 #include "layers/impl.h"
 
 namespace corvalith {
@@ -17,21 +16,19 @@ class LRNCPUImpl final : public Impl {
   int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) override;
 
  private:
-  /// One slot's part of one image: quads, of four values, firstQuad to endQuad.
-  struct LrnThreadParam {
-    const float *bottom, *scale;
-    float* top;
-    float negativeBeta;
-    int firstQuad, endQuad;
+  struct Image {
+    const float* x;
+    float* y;
+    size_t channels, plane;
+    size_t half;  // channels of the window to either side
+    float factor, k, exponent;
   };
 
-  static void* lrnThreadFun(void* record);
+  static void normalize(const Image& image, size_t place, size_t n, float* base);
   int makeScale(int count);
-  void sumSquares(const float* x, const Shape& shape, const void* param);
 
-  float* scale_ = nullptr;  // k + ... of the base, for the whole top
+  float* scale_ = nullptr;  // base of the power: room for every place of all planes of one channel
   int scaleCount_ = 0;
-  LrnThreadParam params_[kMaxCpuSlots];
 };
 
 }  // namespace corvalith

@@ -1,6 +1,7 @@
 // Spreading work over the CPU device's slots.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "core/cpu_device.h"
@@ -27,6 +28,21 @@ void runOnSlots(Context* context, Record (&records)[kMaxCpuSlots], void* (*fn)(v
     cpu.setThreadParam(&records[t], fn, t);
   }
   if (slots > 0) cpu.startThreadRunning();
+}
+
+/// What spread() calls: a function and the address of what it works with.
+using RangeFunction = void (*)(const void* work, size_t first, size_t end);
+void spreadRanges(Context* context, size_t total, size_t cost, RangeFunction fn, const void* work);
+
+/// Calls `work(first, end)` for ranges that make up [0, total), none of them empty: on all slots at a time, or once on
+/// the caller's thread where there is too little to do, or no slot. `cost` is that of one step, in floats that are read
+/// and written. Nothing is allocated.
+template <class Work>
+void spread(Context* context, size_t total, size_t cost, const Work& work) {
+  const RangeFunction call = [](const void* address, size_t first, size_t end) {
+    (*static_cast<const Work*>(address))(first, end);
+  };
+  spreadRanges(context, total, cost, call, &work);
 }
 
 }  // namespace corvalith

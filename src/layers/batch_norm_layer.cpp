@@ -36,7 +36,7 @@ class BatchNormCPUImpl final : public Impl {
     }
     const float* mean = floats(means);
     const float* divisor = floats(divisors);
-    forEachPlane(*bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, int channel) {
+    forEachPlane(context_, *bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, size_t channel) {
       cpuKernels().normalize(x, y, n, mean[channel], divisor[channel]);
     });
     return 0;
@@ -44,7 +44,7 @@ class BatchNormCPUImpl final : public Impl {
 
  private:
   /// Channel by channel, since the output may be the input block.
-  static void normalizeByBatch(const Block& in, const Block& out, float eps) {
+  void normalizeByBatch(const Block& in, const Block& out, float eps) const {
     const Shape s = out.shape();
     const size_t plane = static_cast<size_t>(s.h) * static_cast<size_t>(s.w);
     const size_t image = plane * static_cast<size_t>(s.c);
@@ -52,16 +52,19 @@ class BatchNormCPUImpl final : public Impl {
     const float count = static_cast<float>(plane * static_cast<size_t>(s.n));
     const float* x = floats(&in);
     float* y = floats(&out);
-    for (int channel = 0; channel < s.c; ++channel, x += plane, y += plane) {
+    const auto normalizeChannel = [=](size_t start) {
       float mean = 0, variance = 0;
-      for (size_t at = 0; at < end; at += image) mean += planeSum(x + at, plane, [](float v) { return v; });
+      for (size_t at = start; at < end; at += image) mean += planeSum(x + at, plane, [](float v) { return v; });
       mean /= count;
-      for (size_t at = 0; at < end; at += image) {
+      for (size_t at = start; at < end; at += image) {
         variance += planeSum(x + at, plane, [mean](float v) { return (v - mean) * (v - mean); });
       }
       const float divisor = std::sqrt(variance / count + eps);
-      for (size_t at = 0; at < end; at += image) cpuKernels().normalize(x + at, y + at, plane, mean, divisor);
-    }
+      for (size_t at = start; at < end; at += image) cpuKernels().normalize(x + at, y + at, plane, mean, divisor);
+    };
+    spread(context_, static_cast<size_t>(s.c), 3 * plane * static_cast<size_t>(s.n), [&](size_t channel, size_t last) {
+      for (; channel < last; ++channel) normalizeChannel(channel * plane);
+    });
   }
 };
 

@@ -1,6 +1,9 @@
 // Base of the layer types whose record holds values per channel: PReLU, Scale and BatchNorm.
 #pragma once
 
+#include <algorithm>
+
+#include "cpu/parallel.h"
 #include "layers/lifecycle.h"
 
 namespace corvalith {
@@ -22,16 +25,20 @@ class ChannelValuesLayer : public StandardLayer {
   int topShape(Shape& top) override;
 };
 
-/// What the implementations of these types have in common: `apply(x, y, n, channel)` for the n values of every plane.
+/// What the implementations of these types have in common: `apply(x, y, n, channel)` for n neighbouring values of a
+/// channel, until all values had their turn; on all slots at a time.
 template <class Apply>
-void forEachPlane(const Block& in, const Block& out, Apply apply) {
+void forEachPlane(Context* context, const Block& in, const Block& out, const Apply& apply) {
   const Shape s = out.shape();
-  const size_t plane = static_cast<size_t>(s.h) * static_cast<size_t>(s.w);
+  const size_t plane = static_cast<size_t>(s.h) * static_cast<size_t>(s.w), channels = static_cast<size_t>(s.c);
   const float* x = floats(&in);
   float* y = floats(&out);
-  for (int image = 0; image < s.n; ++image) {
-    for (int channel = 0; channel < s.c; ++channel, x += plane, y += plane) apply(x, y, plane, channel);
-  }
+  spread(context, static_cast<size_t>(out.getSize()), 1, [&](size_t first, size_t end) {
+    size_t index = first / plane, behind = (index + 1) * plane;
+    for (; first < end; ++index, first = behind, behind += plane) {
+      apply(x + first, y + first, std::min(behind, end) - first, index % channels);
+    }
+  });
 }
 
 }  // namespace corvalith

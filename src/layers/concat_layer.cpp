@@ -1,7 +1,9 @@
 // "Concat": joins one to ten inputs, along rows (axis 2) or along channels (any other axis).
+#include <algorithm>
 #include <cstring>
 
 #include "core/log.h"
+#include "cpu/parallel.h"
 #include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -11,34 +13,34 @@ namespace {
 
 constexpr uint32_t kRowAxis = 2;
 
-/// Copies piece by piece: of every input in turn, `pieces` pieces that lie one after another there and `stride` values
-/// apart in `top`. An input's pieces follow those of the input before it.
-struct Joiner {
-  float* top;
-  size_t pieces, stride;
-
-  void add(const float* input, size_t pieceSize) {
-    for (size_t i = 0; i < pieces; ++i) {
-      std::memcpy(top + i * stride, input + i * pieceSize, pieceSize * sizeof(float));
+/// Every input consists of `pieces` pieces, one behind the other. The top has the first pieces of all inputs in their
+/// order, then the second ones, and so on. Spread by ranges of the top.
+int join(Context* context, const Impl::Blocks& bottoms, const Block& top, int pieces) {
+  float* y = floats(&top);
+  spread(context, static_cast<size_t>(top.getSize()), 1, [&](size_t first, size_t end) {
+    const size_t joined = static_cast<size_t>(top.getSize() / pieces);
+    size_t piece = first / joined, start = piece * joined;  // where an input's piece begins in the top
+    for (; start < end; ++piece) {
+      for (const Block* bottom : bottoms) {
+        const size_t size = static_cast<size_t>(bottom->getSize() / pieces);
+        const size_t from = std::max(start, first), to = std::min(start + size, end);
+        const float* x = floats(bottom) + piece * size;
+        if (from < to) std::memcpy(y + from, x + (from - start), (to - from) * sizeof(float));
+        start += size;
+      }
     }
-    top += pieceSize;
-  }
-};
-
-size_t planeSize(const Shape& s) { return static_cast<size_t>(s.h) * static_cast<size_t>(s.w); }
+  });
+  return 0;
+}
 
 class ConcatCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    const Shape top = tops[0]->shape();
-    Joiner joiner{floats(tops[0]), static_cast<size_t>(top.n), static_cast<size_t>(top.c) * planeSize(top)};
     for (const Block* bottom : bottoms) {
-      const size_t imageSize = static_cast<size_t>(bottom->getChannel()) * planeSize(bottom->shape());
-      if (imageSize < 1) return fail("ConcatCPUImpl memcpy size must be bigger than 0");
-      joiner.add(floats(bottom), imageSize);
+      if (bottom->getSize() < 1) return fail("ConcatCPUImpl memcpy size must be bigger than 0");
     }
-    return 0;
+    return join(context_, bottoms, *tops[0], tops[0]->getBatch());
   }
 };
 
@@ -46,10 +48,7 @@ class ConcatCPUAxis2Impl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    const Shape top = tops[0]->shape();
-    Joiner joiner{floats(tops[0]), static_cast<size_t>(top.n) * static_cast<size_t>(top.c), planeSize(top)};
-    for (const Block* bottom : bottoms) joiner.add(floats(bottom), planeSize(bottom->shape()));
-    return 0;
+    return join(context_, bottoms, *tops[0], tops[0]->getBatch() * tops[0]->getChannel());
   }
 };
 

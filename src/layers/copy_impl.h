@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "cpu/parallel.h"
 #include "layers/impl.h"
 
 namespace corvalith {
@@ -13,8 +14,11 @@ class CopyCPUImpl : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    const size_t count = static_cast<size_t>(tops[0]->getSize());
-    if (tops[0] != bottoms[0]) std::memcpy(floats(tops[0]), floats(bottoms[0]), count * sizeof(float));
+    if (tops[0] == bottoms[0]) return 0;
+    const float* x = floats(bottoms[0]);
+    float* y = floats(tops[0]);
+    spread(context_, static_cast<size_t>(tops[0]->getSize()), 1,
+           [=](size_t first, size_t end) { std::memcpy(y + first, x + first, (end - first) * sizeof(float)); });
     return 0;
   }
 };

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "cpu/parallel.h"
 #include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -16,14 +17,16 @@ class CropCPUImpl final : public Impl {
     const CropParam& param = *static_cast<const CropParam*>(record);
     const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
     const size_t inWidth = static_cast<size_t>(in.w), width = static_cast<size_t>(out.w);
-    const size_t planes = static_cast<size_t>(out.n) * static_cast<size_t>(out.c);
+    const size_t inPlane = static_cast<size_t>(in.h) * inWidth, height = static_cast<size_t>(out.h);
     const float* x = floats(bottoms[0]) + param.offset_h * inWidth + param.offset_w;
     float* y = floats(tops[0]);
-    for (size_t plane = 0; plane < planes; ++plane, x += static_cast<size_t>(in.h) * inWidth) {
-      for (size_t row = 0; row < static_cast<size_t>(out.h); ++row, y += width) {
-        std::memcpy(y, x + row * inWidth, width * sizeof(float));
-      }
-    }
+    spread(context_, static_cast<size_t>(out.n) * static_cast<size_t>(out.c) * height, width,
+           [=](size_t row, size_t end) {
+             for (; row < end; ++row) {
+               const float* from = x + row / height * inPlane + row % height * inWidth;
+               std::memcpy(y + row * width, from, width * sizeof(float));
+             }
+           });
     return 0;
   }
 };

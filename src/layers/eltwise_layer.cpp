@@ -1,5 +1,8 @@
 // "Eltwise": combines two to ten inputs of one shape value by value: product, weighted sum or maximum.
+#include <algorithm>
+
 #include "core/log.h"
+#include "cpu/parallel.h"
 #include "cpu/simd/kernels.h"
 #include "gpu/gpu_impl.h"
 #include "layers/lifecycle.h"
@@ -10,15 +13,25 @@ namespace {
 
 enum EltwiseOperation : uint32_t { kProduct = 0, kSum = 1, kMaximum = 2 };
 
-using Combine = void (*CpuKernels::*)(const float*, const float*, float*, size_t);
+using Operation = void (*CpuKernels::*)(const float*, const float*, float*, size_t);
+
+/// Calls `combine(first, n)` for ranges of the top that stay in the first-level cache while all inputs are folded into
+/// them; on all slots at a time.
+template <class Combine>
+void forEachChunk(Context* context, const Impl::Blocks& bottoms, const Block& top, const Combine& combine) {
+  constexpr size_t kChunk = 2048;
+  spread(context, static_cast<size_t>(top.getSize()), bottoms.size(), [&](size_t first, size_t end) {
+    for (; first < end; first += kChunk) combine(first, std::min(end - first, kChunk));
+  });
+}
 
 /// Folds the inputs into the top, in their order.
-int fold(const std::vector<Block*>& bottoms, const Block& top, Combine combine) {
-  const auto operation = cpuKernels().*combine;
-  float* y = floats(&top);
-  const size_t count = static_cast<size_t>(top.getSize());
-  operation(floats(bottoms[0]), floats(bottoms[1]), y, count);
-  for (size_t i = 2; i < bottoms.size(); ++i) operation(y, floats(bottoms[i]), y, count);
+int fold(Context* context, const Impl::Blocks& bottoms, const Block& top, Operation kernel) {
+  forEachChunk(context, bottoms, top, [&, operation = cpuKernels().*kernel](size_t first, size_t n) {
+    float* y = floats(&top) + first;
+    operation(floats(bottoms[0]) + first, floats(bottoms[1]) + first, y, n);
+    for (size_t i = 2; i < bottoms.size(); ++i) operation(y, floats(bottoms[i]) + first, y, n);
+  });
   return 0;
 }
 
@@ -26,7 +39,7 @@ class EltwiseProdCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    return fold(bottoms, *tops[0], &CpuKernels::multiply);
+    return fold(context_, bottoms, *tops[0], &CpuKernels::multiply);
   }
 };
 
@@ -34,7 +47,7 @@ class EltwiseMaxCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    return fold(bottoms, *tops[0], &CpuKernels::maximum);
+    return fold(context_, bottoms, *tops[0], &CpuKernels::maximum);
   }
 };
 
@@ -43,10 +56,13 @@ class EltwiseSumCPUImpl final : public Impl {
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
     const EltwiseParam& param = *static_cast<const EltwiseParam*>(record);
-    float* y = floats(tops[0]);
-    const size_t count = static_cast<size_t>(tops[0]->getSize());
-    cpuKernels().scale(floats(bottoms[0]), y, count, param.coeff[0]);
-    for (size_t i = 1; i < bottoms.size(); ++i) cpuKernels().addScaled(floats(bottoms[i]), y, count, param.coeff[i]);
+    forEachChunk(context_, bottoms, *tops[0], [&](size_t first, size_t n) {
+      float* y = floats(tops[0]) + first;
+      cpuKernels().scale(floats(bottoms[0]) + first, y, n, param.coeff[0]);
+      for (size_t i = 1; i < bottoms.size(); ++i) {
+        cpuKernels().addScaled(floats(bottoms[i]) + first, y, n, param.coeff[i]);
+      }
+    });
     return 0;
   }
 };

@@ -1,7 +1,11 @@
 // "Permute": reorders the four axes; dimension d of the output is dimension order[d] of the input.
+#include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "core/log.h"
+#include "cpu/parallel.h"
+#include "cpu/simd/kernels.h"
 #include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
 #include "layers/registry.h"
@@ -27,27 +31,66 @@ bool isPermutation(const AxisOrder& order) {
   return true;
 }
 
+/// The axes of the output, with the steps that one step along them is in the input and in the output. Axes that are
+/// neighbours in both are one, and the others have size 1. The last is the output's innermost one, its rows; the one
+/// before is the input's innermost, unless that is the last.
+struct Walk {
+  struct Axis {
+    size_t size, in, out;
+  };
+
+  Walk(const Shape& shape, const AxisOrder& order) {
+    size_t steps[4];
+    for (size_t d = 4, step = 1; d-- > 0; step *= static_cast<size_t>(shape[static_cast<int>(d)])) steps[d] = step;
+    size_t used = 4, out = 1;
+    for (size_t d = 4; d-- > 0;) {
+      const size_t size = static_cast<size_t>(shape[static_cast<int>(order[d])]), in = steps[order[d]];
+      if (size == 1) continue;
+      if (used < 4 && in == axis[used].in * axis[used].size) {
+        axis[used].size *= size;
+      } else {
+        axis[--used] = {size, in, out};
+      }
+      out *= size;
+    }
+    if (axis[3].in == 1) return;
+    Axis* const contiguous = std::find_if(axis, axis + 3, [](const Axis& a) { return a.in == 1; });
+    std::rotate(contiguous, contiguous + 1, axis + 3);
+  }
+
+  size_t rows() const { return axis[0].size * axis[1].size * axis[2].size; }
+
+  Axis axis[4] = {{1, 0, 0}, {1, 0, 0}, {1, 0, 0}, {1, 1, 1}};
+};
+
 class PermuteCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
-    const AxisOrder order = axisOrder(*static_cast<const PermuteParam*>(record));
-    const Shape in = bottoms[0]->shape(), out = tops[0]->shape();
-    const size_t width = static_cast<size_t>(in.w), plane = static_cast<size_t>(in.h) * width;
-    const size_t inStrides[4] = {static_cast<size_t>(in.c) * plane, plane, width, 1};
-    size_t step[4];  // in the input, for one step along each axis of the output
-    for (size_t d = 0; d < 4; ++d) step[d] = inStrides[order[d]];
+    const Walk walk(bottoms[0]->shape(), axisOrder(*static_cast<const PermuteParam*>(record)));
     const float* x = floats(bottoms[0]);
     float* y = floats(tops[0]);
-    for (size_t n = 0; n < static_cast<size_t>(out.n); ++n) {
-      for (size_t c = 0; c < static_cast<size_t>(out.c); ++c) {
-        for (size_t h = 0; h < static_cast<size_t>(out.h); ++h, y += out.w) {
-          const float* row = x + n * step[0] + c * step[1] + h * step[2];
-          for (size_t w = 0; w < static_cast<size_t>(out.w); ++w) y[w] = row[w * step[3]];
-        }
-      }
-    }
+    const size_t cost = walk.axis[3].size * (walk.axis[3].in == 1 ? 1 : 2);  // turning takes longer
+    spread(context_, walk.rows(), cost, [&](size_t first, size_t end) { permute(x, y, walk, first, end); });
     return 0;
+  }
+
+ private:
+  /// Rows `first` to `end` of the output. Where they do not lie in the input as such, each of them is a column there;
+  /// those side by side are turned together.
+  static void permute(const float* x, float* y, const Walk& walk, size_t first, size_t end) {
+    const Walk::Axis &outer = walk.axis[0], &middle = walk.axis[1], &inner = walk.axis[2], &row = walk.axis[3];
+    for (size_t n; first < end; first += n) {
+      const size_t i = first % inner.size, above = first / inner.size;
+      n = std::min(inner.size - i, end - first);
+      const float* from = x + above / middle.size * outer.in + above % middle.size * middle.in + i * inner.in;
+      float* to = y + above / middle.size * outer.out + above % middle.size * middle.out + i * inner.out;
+      if (row.in != 1) {
+        cpuKernels().transpose(from, row.in, to, inner.out, row.size, n);
+        continue;
+      }
+      for (size_t k = 0; k < n; ++k) std::memcpy(to + k * inner.out, from + k * inner.in, row.size * sizeof(float));
+    }
   }
 };
 

@@ -1,6 +1,9 @@
 // "Power": y = (scale * x + shift) raised to an integer power. Never works in place.
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
+#include "cpu/parallel.h"
 #include "cpu/simd/kernels.h"
 #include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
@@ -8,6 +11,18 @@
 
 namespace corvalith {
 namespace {
+
+constexpr size_t kChunk = 2048;    // values that stay in the first-level cache between two kernels
+constexpr size_t kPowerCost = 16;  // the time of one value, in floats read and written
+constexpr int kProducts = 8;       // the largest power that is worked out by products
+
+/// In double precision.
+float raised(double base, int power) {
+  if (power > kProducts || power < -kProducts) return static_cast<float>(std::pow(base, static_cast<double>(power)));
+  double result = 1;
+  for (int i = 0; i < std::abs(power); ++i) result *= base;
+  return static_cast<float>(power < 0 ? 1 / result : result);
+}
 
 class PowerCPUImpl final : public Impl {
  public:
@@ -19,15 +34,18 @@ class PowerCPUImpl final : public Impl {
     float* y = floats(tops[0]);
     const size_t count = static_cast<size_t>(tops[0]->getSize());
     if (param.power == 1 || param.power == 2) {  // the same values as below, much sooner
-      cpuKernels().scaleShift(x, y, count, param.scale, param.shift);
-      if (param.power == 2) cpuKernels().multiply(y, y, y, count);
+      spread(context_, count, 1, [&param, x, y](size_t first, size_t end) {
+        for (size_t n; first < end; first += n) {
+          n = std::min(end - first, kChunk);
+          cpuKernels().scaleShift(x + first, y + first, n, param.scale, param.shift);
+          if (param.power == 2) cpuKernels().multiply(y + first, y + first, y + first, n);
+        }
+      });
       return 0;
     }
-    const double power = param.power;
-    for (size_t i = 0; i < count; ++i) {
-      const double base = std::fma(param.scale, x[i], param.shift);
-      y[i] = static_cast<float>(std::pow(base, power));
-    }
+    spread(context_, count, kPowerCost, [&param, x, y](size_t i, size_t end) {
+      for (; i < end; ++i) y[i] = raised(std::fma(param.scale, x[i], param.shift), param.power);
+    });
     return 0;
   }
 };

@@ -11,7 +11,8 @@ class PReluCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block* slopes) override {
-    forEachPlane(*bottoms[0], *tops[0], [slope = floats(slopes)](const float* x, float* y, size_t n, int channel) {
+    const float* slope = floats(slopes);
+    forEachPlane(context_, *bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, size_t channel) {
       cpuKernels().prelu(x, y, n, slope[channel]);
     });
     return 0;

@@ -1,4 +1,5 @@
 // "ReLU": y = x where x is positive, else 0; a NaN becomes 0.
+#include "cpu/parallel.h"
 #include "cpu/simd/kernels.h"
 #include "gpu/one_kernel_impl.h"
 #include "layers/lifecycle.h"
@@ -11,7 +12,10 @@ class ReluCPUImpl final : public Impl {
  public:
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block*, Block*) override {
-    cpuKernels().relu(floats(bottoms[0]), floats(tops[0]), tops[0]->getSize());
+    const float* x = floats(bottoms[0]);
+    float* y = floats(tops[0]);
+    spread(context_, static_cast<size_t>(tops[0]->getSize()), 1,
+           [=](size_t first, size_t end) { cpuKernels().relu(x + first, y + first, end - first); });
     return 0;
   }
 };

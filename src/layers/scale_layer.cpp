@@ -13,7 +13,7 @@ class ScaleCPUImpl final : public Impl {
   int forward(Blocks const& bottoms, Blocks const& tops, void*, Block* scales, Block* biases) override {
     const float* scale = floats(scales);
     const float* bias = floats(biases);
-    forEachPlane(*bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, int channel) {
+    forEachPlane(context_, *bottoms[0], *tops[0], [=](const float* x, float* y, size_t n, size_t channel) {
       cpuKernels().scaleShift(x, y, n, scale[channel], bias[channel]);
     });
     return 0;

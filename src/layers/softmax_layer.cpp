@@ -1,10 +1,11 @@
 // "Softmax": y = exp(x) / sum of exp(x) along one axis.
 #include <algorithm>
-#include <cmath>
 #include <memory>
 #include <new>
 
 #include "core/log.h"
+#include "cpu/parallel.h"
+#include "cpu/simd/kernels.h"
 #include "gpu/gpu_impl.h"
 #include "gpu/mapped.h"
 #include "gpu/scratch.h"
@@ -23,6 +24,8 @@ struct AxisSplit {
     for (int d = axis + 1; d < 4; ++d) inner *= s[d];
   }
 
+  int columns() const { return outer * inner; }
+
   int outer = 1, depth = 1, inner = 1;
 };
 
@@ -30,13 +33,23 @@ struct AxisSplit {
 class HostSoftmax {
  public:
   /// Returns false when there is no memory.
-  bool allocateLargest(int columns) { return largest_.reserve(columns); }
-  bool allocateSum(int columns) { return sum_.reserve(columns); }
+  bool allocateLargest(const AxisSplit& split) { return largest_.reserve(split.columns()); }
+  bool allocateSum(const AxisSplit& split) { return sum_.reserve(split.columns()); }
 
-  /// x and y may be the same.
-  void normalize(const float* x, float* y, const AxisSplit& split) {
+  /// Columns `first` to `end` of all. x and y may be the same.
+  void normalize(const float* x, float* y, const AxisSplit& split, size_t first, size_t end) const {
     const size_t depth = static_cast<size_t>(split.depth), inner = static_cast<size_t>(split.inner);
-    for (int i = 0; i < split.outer; ++i, x += depth * inner, y += depth * inner) softmaxCell(x, y, depth, inner);
+    const Room room{largest_.values.get() + first, sum_.values.get() + first};  // no other range has these
+    for (size_t n; first < end; first += n) {
+      n = std::min(end - first, kBlock);
+      if (inner == 1) {
+        normalizeRows(x + first * depth, y + first * depth, depth, n, room);
+        continue;
+      }
+      const size_t column = first % inner, at = first / inner * depth * inner + column;
+      n = std::min(n, inner - column);
+      cpuKernels().softmaxColumns(x + at, y + at, depth, inner, n, room.largest, room.sum);
+    }
   }
 
  private:
@@ -54,25 +67,24 @@ class HostSoftmax {
     }
   };
 
-  /// Over `depth` rows of `inner` values, column by column.
-  void softmaxCell(const float* x, float* y, size_t depth, size_t inner) {
-    float* const largest = largest_.values.get();
-    float* const sum = sum_.values.get();
-    std::copy_n(x, inner, largest);
-    for (size_t k = 1; k < depth; ++k) {
-      for (size_t j = 0; j < inner; ++j) largest[j] = std::max(largest[j], x[k * inner + j]);
+  struct Room {
+    float *largest, *sum;
+  };
+
+  static constexpr size_t kBlock = 64;    // columns at a time
+  static constexpr size_t kLongRow = 32;  // values that are worth a vector loop of their own
+
+  /// n columns of `depth` values that lie side by side. Short ones are turned, to have vectors of columns.
+  static void normalizeRows(const float* x, float* y, size_t depth, size_t n, const Room& room) {
+    const CpuKernels& kernels = cpuKernels();
+    if (depth >= kLongRow) {
+      for (size_t i = 0; i < n; ++i) kernels.softmaxRow(x + i * depth, y + i * depth, depth);
+      return;
     }
-    std::fill_n(sum, inner, 0.0f);
-    for (size_t k = 0; k < depth; ++k) {
-      for (size_t j = 0; j < inner; ++j) {
-        const size_t at = k * inner + j;
-        y[at] = static_cast<float>(std::exp(static_cast<double>(x[at] - largest[j])));
-        sum[j] += y[at];
-      }
-    }
-    for (size_t k = 0; k < depth; ++k) {
-      for (size_t j = 0; j < inner; ++j) y[k * inner + j] /= sum[j];
-    }
+    float turned[kLongRow * kBlock];
+    kernels.transpose(x, depth, turned, kBlock, n, depth);
+    kernels.softmaxColumns(turned, turned, depth, kBlock, n, room.largest, room.sum);
+    kernels.transpose(turned, kBlock, y, depth, depth, n);
   }
 
   Column largest_, sum_;
@@ -83,14 +95,17 @@ class SoftmaxCPUImpl final : public Impl {
   using Impl::Impl;
   int forward(Blocks const& bottoms, Blocks const& tops, void* record, Block*, Block*) override {
     const AxisSplit split(record, tops[0]->shape());
-    if (!host_.allocateLargest(split.inner) || !host_.allocateSum(split.inner)) {
-      return fail("SoftmaxGPUImpl memory alloc fail");
-    }
-    host_.normalize(floats(bottoms[0]), floats(tops[0]), split);
+    if (!host_.allocateLargest(split) || !host_.allocateSum(split)) return fail("SoftmaxGPUImpl memory alloc fail");
+    const float* x = floats(bottoms[0]);
+    float* y = floats(tops[0]);
+    spread(context_, static_cast<size_t>(split.columns()), static_cast<size_t>(split.depth) * kCost,
+           [&](size_t first, size_t end) { host_.normalize(x, y, split, first, end); });
     return 0;
   }
 
  private:
+  static constexpr size_t kCost = 8;  // the time of one value, in floats read and written
+
   HostSoftmax host_;
 };
 
@@ -127,8 +142,8 @@ class SoftmaxGPUImpl final : public GPUImpl {
   }
 
   int allocateColumns(const AxisSplit& split) {
-    if (!host_.allocateLargest(split.inner)) return fail("SoftmaxGPUImpl channelMax malloc failed");
-    if (!host_.allocateSum(split.inner)) return fail("SoftmaxGPUImpl channelSum malloc failed");
+    if (!host_.allocateLargest(split)) return fail("SoftmaxGPUImpl channelMax malloc failed");
+    if (!host_.allocateSum(split)) return fail("SoftmaxGPUImpl channelSum malloc failed");
     return 0;
   }
 
@@ -137,7 +152,7 @@ class SoftmaxGPUImpl final : public GPUImpl {
     if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
     const Mapped<float> y(gpu()->getCommandQueue(), out, count);
     if (y.get() == nullptr) return fail("SoftmaxGPUImpl mapTop map failed");
-    host_.normalize(x.get(), y.get(), split);
+    host_.normalize(x.get(), y.get(), split, 0, static_cast<size_t>(split.columns()));
     return 0;
   }
 
@@ -146,7 +161,7 @@ class SoftmaxGPUImpl final : public GPUImpl {
     {
       const Mapped<float> x(gpu()->getCommandQueue(), bottomFP32_.get(), count);
       if (x.get() == nullptr) return fail("SoftmaxGPUImpl mapBottom map failed");
-      host_.normalize(x.get(), x.get(), split);
+      host_.normalize(x.get(), x.get(), split, 0, static_cast<size_t>(split.columns()));
     }
     floatToHalf_.run(Range({count}), bottomFP32_.get(), out);
     return 0;

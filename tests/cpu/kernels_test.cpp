@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -337,6 +338,73 @@ TEST_P(KernelsTest, Powers) {
   const std::vector<float> ones(none.size(), 1.0f);
   k.powerTimes(none.data(), ones.data(), y.data(), none.size(), -0.75f);
   for (size_t i = 0; i < none.size(); ++i) EXPECT_TRUE(std::isnan(y[i])) << none[i];
+}
+
+TEST_P(KernelsTest, HyperbolicTangent) {
+  std::vector<float> x = {kNaN, -kNaN, 0.0f, -0.0f, kInfinity, -kInfinity, 1e-40f, -1e-40f, 1e30f, -1e30f};
+  for (double v = 1e-30; v < 100; v *= 1.0013) {
+    x.push_back(static_cast<float>(v));
+    x.push_back(static_cast<float>(-v));
+  }
+  std::vector<float> y(x.size());
+  k.hyperbolicTangent(x.data(), y.data(), x.size());
+  for (size_t i = 0; i < x.size(); ++i) {
+    const double want = std::tanh(static_cast<double>(x[i]));
+    if (std::isnan(x[i])) {
+      EXPECT_TRUE(std::isnan(y[i]));
+    } else {
+      EXPECT_NEAR(y[i], want, std::fabs(want) * 2e-7) << x[i];
+      EXPECT_EQ(std::signbit(y[i]), std::signbit(x[i])) << x[i];
+    }
+  }
+}
+
+TEST_P(KernelsTest, Softmax) {
+  for (const size_t depth : {1, 2, 7, 8, 21, 40}) {
+    for (size_t n = 1; n <= kMaxLength; ++n) {
+      const size_t stride = n + 3;
+      const std::vector<float> x = noise(depth * stride, 7, 100.0f), before = noise(depth * stride, 8);
+      std::vector<float> y = before, largest(n), sum(n), row(depth);
+      k.softmaxColumns(x.data(), y.data(), depth, stride, n, largest.data(), sum.data());
+      for (size_t j = 0; j < stride; ++j) {
+        std::vector<float> column(depth);
+        for (size_t i = 0; i < depth; ++i) column[i] = x[i * stride + j];
+        double total = 0;
+        const float most = *std::max_element(column.begin(), column.end());
+        for (const float v : column) total += std::exp(static_cast<double>(v - most));
+        k.softmaxRow(column.data(), row.data(), depth);
+        for (size_t i = 0; i < depth; ++i) {
+          const double want = std::exp(static_cast<double>(column[i] - most)) / total;
+          EXPECT_NEAR(row[i], want, 1e-6);
+          const size_t at = i * stride + j;
+          EXPECT_NEAR(y[at], j < n ? want : before[at], j < n ? 1e-6 : 0) << "column " << j << " of " << n;
+        }
+      }
+    }
+  }
+  for (const float special : {kNaN, kInfinity}) {
+    for (const size_t n : {1, 9, 20}) {
+      std::vector<float> x = noise(n, 9);
+      x[n / 2] = special;
+      k.softmaxRow(x.data(), x.data(), n);
+      for (const float y : x) EXPECT_TRUE(std::isnan(y)) << n;
+    }
+  }
+}
+
+TEST_P(KernelsTest, Transpose) {
+  for (size_t rows = 1; rows <= 13; ++rows) {
+    for (size_t columns = 1; columns <= 2 * kMaxLength; ++columns) {
+      const size_t xStride = columns + 2, yStride = rows + 1;
+      const std::vector<float> x = noise(rows * xStride - 2, 10);  // nothing behind the last row may be read
+      std::vector<float> y(columns * yStride), want(y.size());
+      for (size_t i = 0; i < rows * columns; ++i) {
+        want[i % columns * yStride + i / columns] = x[i / columns * xStride + i % columns];
+      }
+      k.transpose(x.data(), xStride, y.data(), yStride, rows, columns);
+      ASSERT_EQ(y, want) << rows << "x" << columns;
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Builds, KernelsTest, ::testing::ValuesIn(builds()), nameOf);

@@ -128,6 +128,15 @@ struct CpuKernels {
                        float factor);
   /// y = base^exponent * x within some units of float precision; a NaN where base is not above 0.
   void (*powerTimes)(const float* base, const float* x, float* y, size_t n, float exponent);
+
+  /// The softmax of each of n columns of `depth` rows, which are `stride` apart in x and in y; `largest` and `sum` are
+  /// room for n values. A column with a NaN or a +infinity becomes all NaN.
+  void (*softmaxColumns)(const float* x, float* y, size_t depth, size_t stride, size_t n, float* largest, float* sum);
+  /// The same for n values, at least one, that lie side by side.
+  void (*softmaxRow)(const float* x, float* y, size_t n);
+  /// y[c * yStride + r] = x[r * xStride + c], which must not overlap.
+  void (*transpose)(const float* x, size_t xStride, float* y, size_t yStride, size_t rows, size_t columns);
+  void (*hyperbolicTangent)(const float* x, float* y, size_t n);  // within 1e-7 of the true one
 };
 
 /// The fastest build that this processor runs.

@@ -10,6 +10,8 @@
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
+#else
+#include <immintrin.h>
 #endif
 
 #define CORVALITH_INLINE inline __attribute__((always_inline))
@@ -122,6 +124,16 @@ CORVALITH_INLINE Vec<4> greater(Vec<4> x, Vec<4> number) {
   return vmaxnmq_f32(x, number);  // compilers make a compare and a select of the general form; vmaxq_f32 keeps a NaN
 }
 #endif
+
+CORVALITH_INLINE V squareRoot(V x) {
+#if defined(__aarch64__)
+  return vsqrtq_f32(x);
+#elif defined(__AVX2__)
+  return _mm256_sqrt_ps(x);
+#else
+  return _mm_sqrt_ps(x);
+#endif
+}
 
 /// sum + bias, with a ReLU where told.
 class Activation {
