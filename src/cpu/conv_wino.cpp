@@ -11,8 +11,8 @@ namespace corvalith {
 namespace {
 
 constexpr size_t kValues = 16;  // of a transformed tile or kernel
-constexpr size_t kBlockFloats =
-    64 * 1024;                      // of transformed tiles: what a core's second-level cache holds beside others
+// Of transformed tiles and of their products: what a core's second-level cache holds beside others.
+constexpr size_t kBlockFloats = 96 * 1024;
 constexpr size_t kBlockPanels = 4;  // panels of weights whose products are held at a time
 
 /// Calls run(row, column, offset, length) for each part of a row of tiles among these.
@@ -53,9 +53,9 @@ void ConvCPUWINO::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   p.padPlane = planeFloats(p.padded);
   p.padFloats = limitedProduct({static_cast<size_t>(in.c), p.padPlane});
 
-  const size_t fitting = std::max(kBlockFloats / kValues / p.channels / columns, size_t{1}) * columns;
-  p.tileBlock = std::min(fitting, roundUp(p.tiles, lanes));
   p.outputBlock = std::min(kBlockPanels * rows, p.outputs);
+  const size_t fitting = std::max(kBlockFloats / kValues / (p.channels + p.outputBlock) / columns, size_t{1}) * columns;
+  p.tileBlock = std::min(fitting, roundUp(p.tiles, lanes));
   p.panels = divideUp(p.tiles, columns);
   p.splitTiles = p.groups * p.panels >= slots();
   if (!p.splitTiles) p.panels = divideUp(p.outputs, rows);
