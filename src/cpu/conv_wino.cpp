@@ -14,6 +14,9 @@ constexpr size_t kValues = 16;  // of a transformed tile or kernel
 // Of transformed tiles and of their products: what a core's second-level cache holds beside others.
 constexpr size_t kBlockFloats = 96 * 1024;
 constexpr size_t kBlockPanels = 4;  // panels of weights whose products are held at a time
+// So many weights stay in no cache, and are read for every block again: then blocks are larger than the cache.
+constexpr size_t kManyWeights = 2 * 1024 * 1024;
+constexpr size_t kLargePanels = 16, kLargeTilePanels = 6;
 
 /// Calls run(row, column, offset, length) for each part of a row of tiles among these.
 template <class Run>
@@ -53,9 +56,11 @@ void ConvCPUWINO::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   p.padPlane = planeFloats(p.padded);
   p.padFloats = limitedProduct({static_cast<size_t>(in.c), p.padPlane});
 
-  p.outputBlock = std::min(kBlockPanels * rows, p.outputs);
-  const size_t fitting = std::max(kBlockFloats / kValues / (p.channels + p.outputBlock) / columns, size_t{1}) * columns;
-  p.tileBlock = std::min(fitting, roundUp(p.tiles, lanes));
+  const bool large = kValues * p.channels * p.outputs > kManyWeights;
+  p.outputBlock = std::min((large ? kLargePanels : kBlockPanels) * rows, p.outputs);
+  const size_t fitting = kBlockFloats / kValues / (p.channels + p.outputBlock) / columns;
+  const size_t tilePanels = large ? kLargeTilePanels : std::max(fitting, size_t{1});
+  p.tileBlock = std::min(tilePanels * columns, roundUp(p.tiles, lanes));
   p.panels = divideUp(p.tiles, columns);
   p.splitTiles = p.groups * p.panels >= slots();
   if (!p.splitTiles) p.panels = divideUp(p.outputs, rows);
