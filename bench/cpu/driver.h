@@ -1,5 +1,6 @@
 // What the drivers of all engines have in common: one process per engine and network, told what to do line by line.
-//   DRIVER BASE THREADS CxHxW OUTPUT,OUTPUT   loads the network, feeds BASE.input, says "ready LOAD_MS VERSION"
+//   DRIVER BASE THREADS NxCxHxW OUTPUT,OUTPUT   loads the network, feeds the first floats of BASE.input, says "ready
+//                                               LOAD_MS VERSION"
 //   run N       N times "WALL:CPU" in milliseconds; CPU is that of the whole process
 //   dump FILE   writes the outputs as floats, one after the other, and says "done"
 //   quit        says the process' peak memory in KiB
@@ -21,7 +22,7 @@
 struct Job {
   std::string base;  // path without extension
   int threads = 1;
-  int shape[4] = {1, 0, 0, 0};
+  int shape[4] = {0, 0, 0, 0};
   std::vector<std::string> outputs;
   std::vector<float> input;
 };
@@ -62,15 +63,16 @@ inline long peakKilobytes() {
 }
 
 inline Job readJob(int argc, char** argv) {
-  if (argc != 5) fail("usage: DRIVER BASE THREADS CxHxW OUTPUT,OUTPUT");
+  if (argc != 5) fail("usage: DRIVER BASE THREADS NxCxHxW OUTPUT,OUTPUT");
   Job job;
   job.base = argv[1];
   job.threads = std::atoi(argv[2]);
-  if (std::sscanf(argv[3], "%dx%dx%d", &job.shape[1], &job.shape[2], &job.shape[3]) != 3) fail("shape");
+  int* shape = job.shape;
+  if (std::sscanf(argv[3], "%dx%dx%dx%d", &shape[0], &shape[1], &shape[2], &shape[3]) != 4) fail("shape");
   std::istringstream names(argv[4]);
   for (std::string name; std::getline(names, name, ',');) job.outputs.push_back(name);
-  job.input.resize(static_cast<size_t>(job.shape[1]) * static_cast<size_t>(job.shape[2]) *
-                   static_cast<size_t>(job.shape[3]));
+  job.input.resize(static_cast<size_t>(shape[0]) * static_cast<size_t>(shape[1]) * static_cast<size_t>(shape[2]) *
+                   static_cast<size_t>(shape[3]));
   std::ifstream file(job.base + ".input", std::ios::binary);
   const auto bytes = static_cast<std::streamsize>(job.input.size() * sizeof(float));
   if (!file.read(reinterpret_cast<char*>(job.input.data()), bytes)) fail("reading the input");

@@ -26,7 +26,7 @@ class Driver:
     """One engine that has loaded one network."""
 
     def __init__(self, command, base, network, cores):
-        shape = "x".join(map(str, network["input"][1:]))
+        shape = "x".join(map(str, network["input"]))
         arguments = [base, str(len(cores)), shape, ",".join(network["outputs"])]
         # Libraries that do not take the number of threads from the driver take it from here. OpenCL is hidden: an
         # engine that looks for GPUs would load its drivers, whose time and memory are not the engine's.

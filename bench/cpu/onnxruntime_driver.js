@@ -15,7 +15,7 @@ async function main(base, threads, shape, outputs) {
     executionProviders: ['cpu'], graphOptimizationLevel: 'all', intraOpNumThreads: Number(threads),
     interOpNumThreads: 1, executionMode: 'sequential'});
   const load = performance.now() - start;
-  const dims = [1, ...shape.split('x').map(Number)];
+  const dims = shape.split('x').map(Number);
   const feeds = {data: new ort.Tensor('float32', floats(base + '.input'), dims)};
   const names = outputs.split(',');
   console.log('ready', load.toFixed(3), require('onnxruntime-node/package.json').version);

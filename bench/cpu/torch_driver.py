@@ -65,7 +65,7 @@ def milliseconds(clock):
 
 def main(base, threads, shape, outputs):
     torch.set_num_threads(int(threads))
-    dims = [1] + [int(d) for d in shape.split("x")]
+    dims = [int(d) for d in shape.split("x")]
     data = torch.from_numpy(np.fromfile(base + ".input", np.float32).reshape(dims))
     start = milliseconds(time.perf_counter)
     network = torch.jit.trace(Network(base, outputs.split(",")).eval(), data, check_trace=False)

@@ -49,10 +49,11 @@ void relax() {
 #endif
 }
 
-/// How long a worker without work polls before it sleeps.
-constexpr std::chrono::microseconds kIdle{20};
+/// How long a worker without work polls before it sleeps. Longer than most layers that run on slot 0 alone: waking up
+/// after each of them takes more time, and may put the worker on the core that the starter is busy on.
+constexpr std::chrono::microseconds kIdle{200};
 
-/// How many polls of the starter go by before it lets other threads have the core: workers may be waiting for it.
+/// How many polls go by before a thread lets others have the core: the thread that it waits for may be among them.
 constexpr int kPollsPerYield = 256;
 
 void* allocate(int count, size_t elementSize) {
@@ -202,7 +203,7 @@ void* threadFun(void* argument) {
   SlotSync& sync = syncOf(slot.core - kFirstCore);
   using Clock = std::chrono::steady_clock;
   auto lastWork = Clock::now();
-  for (;;) {
+  for (unsigned polls = 0;;) {
     // Flags are never cleared on entry: a dispatch or a stop may have come before this thread got its first time slice.
     if (slot.run.load(std::memory_order_acquire)) {
       slot.fn(slot.param);
@@ -214,6 +215,7 @@ void* threadFun(void* argument) {
       return nullptr;
     } else if (Clock::now() - lastWork < kIdle) {
       relax();
+      if (++polls % kPollsPerYield == 0) std::this_thread::yield();
     } else {
       std::unique_lock<std::mutex> lock(sync.waitMutex);
       if (slot.run.load() || slot.exit.load()) continue;

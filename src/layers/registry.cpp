@@ -7,4 +7,6 @@ std::map<std::string, LayerCreator>& RegisterFactory::registry() {
   return creators;
 }
 
+LayerCreator RegisterFactory::add(const char* typeName, LayerCreator creator) { return registry()[typeName] = creator; }
+
 }  // namespace corvalith

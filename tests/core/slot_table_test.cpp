@@ -75,7 +75,7 @@ TEST(SlotTable, WakesSleepingWorkers) {
   for (int step = 1; step <= kSteps; ++step) {
     dispatch(device, parts, step);
     // Around the time after which an idle worker goes to sleep, so that dispatches meet it in every state.
-    std::this_thread::sleep_for(std::chrono::microseconds(step % 60 * 2));
+    std::this_thread::sleep_for(std::chrono::microseconds(step % 60 * 10));
   }
   for (int i = 0; i < 4; ++i) EXPECT_EQ(parts[i].runs, kSteps);
 }
@@ -86,7 +86,7 @@ TEST(SlotTable, StopsWorkersInEveryState) {
     init(device, round % 50 == 0 ? kMaxCpuSlots : 2);
     Part parts[kMaxCpuSlots];
     if (round % 3 != 0) dispatch(device, parts, 1);
-    if (round % 5 == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
+    if (round % 5 == 0) std::this_thread::sleep_for(std::chrono::microseconds(400));  // it sleeps
     if (round % 2 == 0) {
       device.destroyThreads();
       EXPECT_EQ(device.getThreadNum(), 0);
@@ -117,7 +117,7 @@ TEST(SlotTable, TwoDevicesShareTheProcess) {
   for (int step = 1; step <= kSteps; ++step) {
     dispatch(a, partsOfA, step);
     dispatch(b, partsOfB, step);
-    if (step % 10 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+    if (step % 10 == 0) std::this_thread::sleep_for(std::chrono::microseconds(400));
   }
   for (int i = 0; i < 4; ++i) EXPECT_EQ(partsOfA[i].runs + partsOfB[i].runs, 2 * kSteps);
 }
