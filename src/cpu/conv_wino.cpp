@@ -10,13 +10,16 @@
 namespace corvalith {
 namespace {
 
-constexpr size_t kValues = 16;  // of a transformed tile or kernel
 // Of transformed tiles and of their products: what a core's second-level cache holds beside others.
 constexpr size_t kBlockFloats = 96 * 1024;
 constexpr size_t kBlockPanels = 4;  // panels of weights whose products are held at a time
 // So many weights stay in no cache, and are read for every block again: then blocks are larger than the cache.
 constexpr size_t kManyWeights = 2 * 1024 * 1024;
 constexpr size_t kLargePanels = 16, kLargeTilePanels = 6;
+
+// Tiles of 4 x 4 from so many on. With fewer, what reaches beyond the plane and the larger weights outweigh the gain;
+// with fewer channels, the transforms do.
+constexpr size_t kManyTiles = 49, kManyChannels = 32;
 
 /// Calls run(row, column, offset, length) for each part of a row of tiles among these.
 template <class Run>
@@ -47,28 +50,37 @@ void ConvCPUWINO::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   p.inPlane = static_cast<size_t>(in.h) * static_cast<size_t>(in.w);
   p.height = static_cast<size_t>(out.h);
   p.width = static_cast<size_t>(out.w);
-  p.tilesWide = divideUp(p.width, 2);
-  p.tiles = p.tilesWide * divideUp(p.height, 2);
-  // Tiles are as far apart as a stride of 2, and overlap.
+  const size_t tile = winograd_->tile;
+  p.values = (tile + 2) * (tile + 2);
+  p.tilesWide = divideUp(p.width, tile);
+  p.tiles = p.tilesWide * divideUp(p.height, tile);
+  // Tiles overlap, and begin as far apart as outputs of a stride of their size.
   p.padded = paddedPlane(in, conv, p.height);
-  p.padded.layout = {2, p.tilesWide + 1, 2 * (p.tilesWide + 1), 2};
-  p.padded.height = roundUp(p.height, 2) + 2;
+  p.padded.layout = {tile, p.tilesWide + 1, tile * (p.tilesWide + 1), tile};
+  p.padded.height = roundUp(p.height, tile) + 2;
   p.padPlane = planeFloats(p.padded);
   p.padFloats = limitedProduct({static_cast<size_t>(in.c), p.padPlane});
 
-  const bool large = kValues * p.channels * p.outputs > kManyWeights;
+  const bool large = p.values * p.channels * p.outputs > kManyWeights;
   p.outputBlock = std::min((large ? kLargePanels : kBlockPanels) * rows, p.outputs);
-  const size_t fitting = kBlockFloats / kValues / (p.channels + p.outputBlock) / columns;
+  const size_t fitting = kBlockFloats / p.values / (p.channels + p.outputBlock) / columns;
   const size_t tilePanels = large ? kLargeTilePanels : std::max(fitting, size_t{1});
   p.tileBlock = std::min(tilePanels * columns, roundUp(p.tiles, lanes));
   p.panels = divideUp(p.tiles, columns);
   p.splitTiles = p.groups * p.panels >= slots();
   if (!p.splitTiles) p.panels = divideUp(p.outputs, rows);
-  p.convertFloats = kValues * p.channels * p.tileBlock;
-  p.productFloats = kValues * p.outputBlock * p.tileBlock + kCacheLine;  // vectors may read behind the last tile
+  p.convertFloats = p.values * p.channels * p.tileBlock;
+  p.productFloats = p.values * p.outputBlock * p.tileBlock + kCacheLine;  // vectors may read behind the last tile
 }
 
 int ConvCPUWINO::init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block*) {
+  // For good, as weights are packed for it.
+  const Shape out = tops[0]->shape();
+  const bool manyTiles =
+      divideUp(static_cast<size_t>(out.h), 4) * divideUp(static_cast<size_t>(out.w), 4) >= kManyTiles;
+  const bool manyChannels =
+      bottoms[0]->getChannel() / static_cast<const ConvParam*>(param)->group >= static_cast<int>(kManyChannels);
+  winograd_ = manyTiles && manyChannels ? &cpuKernels().winogradOf4 : &cpuKernels().winogradOf2;
   makePlan(bottoms[0]->shape(), tops[0]->shape(), *static_cast<const ConvParam*>(param));
   if (cpu().reserve(Scratch::kPadded, plan_.padFloats) != 0) return fail("ConvCPUWINOImpl pad buffer create fail");
   if (cpu().reserve(Scratch::kUnfolded, slots() * plan_.convertFloats) != 0) {
@@ -86,15 +98,16 @@ int ConvCPUWINO::reshape(Blocks const& bottoms, Blocks const& tops, void* param,
   return 0;
 }
 
-/// Packs a group's transformed weights as 16 matrices of outputs x channels.
+/// Packs a group's transformed weights as matrices, one for each value of a tile, of outputs x channels.
 int ConvCPUWINO::prepareWeights(const Block& weight) {
   if (plan_.direct) return 0;
   const size_t count = plan_.outputs * plan_.channels;
-  weightBuffer_ = context_->CorvalithMalloc(static_cast<int>(plan_.groups * count * kValues + kCacheLine), dataType_);
+  weightBuffer_ =
+      context_->CorvalithMalloc(static_cast<int>(plan_.groups * count * plan_.values + kCacheLine), dataType_);
   if (weightBuffer_ == nullptr) return fail("ConvCPUWINOImpl weight buffer create fail");
   for (size_t g = 0; g < plan_.groups; ++g) {
-    cpuKernels().winogradKernels(floats(&weight) + g * count * 9, plan_.outputs, plan_.channels,
-                                 static_cast<float*>(weightBuffer_) + g * count * kValues);
+    winograd_->kernels(floats(&weight) + g * count * 9, plan_.outputs, plan_.channels,
+                       static_cast<float*>(weightBuffer_) + g * count * plan_.values);
   }
   return 0;
 }
@@ -164,7 +177,7 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
   const Plan& plan = plan_;
   const size_t uMatrix = plan.outputs * plan.channels, vMatrix = plan.channels * plan.tileBlock;
   const size_t pMatrix = plan.outputBlock * plan.tileBlock;
-  const float* u = packedWeights() + group * kValues * uMatrix;
+  const float* u = packedWeights() + group * plan.values * uMatrix;
   float* v = work.unfolded + work.slot * plan.convertFloats;
   float* p = work.products + work.slot * plan.productFloats;
   for (size_t tile = firstTile; tile < endTile; tile += plan.tileBlock) {
@@ -174,10 +187,10 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
     transformInput(work, group, tile, tiles, v);
     for (size_t output = firstOutput; output < endOutput; output += plan.outputBlock) {
       const size_t outputs = std::min(plan.outputBlock, endOutput - output);
-      for (size_t e = 0; e < kValues; ++e) {
+      for (size_t e = 0; e < plan.values; ++e) {
         cpuKernels().packedProduct({u + e * uMatrix + output * plan.channels, outputs, v + e * vMatrix, plan.tileBlock,
                                     cpuKernels().panelColumns, columns, plan.channels, p + e * pMatrix, plan.tileBlock,
-                                    nullptr, false});
+                                    nullptr, false, winograd_->depthChunk});
       }
       for (size_t i = 0; i < outputs; ++i) {
         transformOutput(work, group * plan.outputs + output + i, tile, tiles, p + i * plan.tileBlock);
@@ -188,24 +201,24 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
 
 void ConvCPUWINO::transformInput(const Work& work, size_t group, size_t firstTile, size_t tiles, float* v) const {
   const size_t phase = plan_.padded.layout.phase, plane = plan_.channels * plan_.tileBlock;
+  const size_t tileRow = winograd_->tile * plan_.padded.layout.pitch;
   const size_t room = roundUp(tiles, cpuKernels().lanes);
   const float* x = work.padded + group * plan_.channels * plan_.padPlane;
   for (size_t c = 0; c < plan_.channels; ++c, x += plan_.padPlane, v += plan_.tileBlock) {
     forEachRun(firstTile, tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
-      cpuKernels().winogradInput(x + row * 4 * phase + column, phase, v + offset, plane, length, room - offset);
+      winograd_->input(x + row * tileRow + column, phase, v + offset, plane, length, room - offset);
     });
   }
 }
 
 void ConvCPUWINO::transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles,
                                   const float* p) const {
-  const size_t height = plan_.height, width = plan_.width, plane = plan_.outputBlock * plan_.tileBlock;
+  const size_t height = plan_.height, width = plan_.width, tile = winograd_->tile;
+  const size_t plane = plan_.outputBlock * plan_.tileBlock;
   float* y = work.y + output * height * width;
   forEachRun(firstTile, tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
-    float* y0 = y + 2 * row * width + 2 * column;
-    float* y1 = 2 * row + 1 < height ? y0 + width : nullptr;
-    cpuKernels().winogradOutput(p + offset, plane, work.bias[output], relu_, y0, y1,
-                                std::min(2 * length, width - 2 * column));
+    winograd_->output(p + offset, plane, work.bias[output], relu_, y + tile * (row * width + column), width,
+                      std::min(tile, height - tile * row), std::min(tile * length, width - tile * column));
   });
 }
 

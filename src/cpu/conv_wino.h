@@ -1,4 +1,4 @@
-// Convolution by 3 x 3 kernels with stride 1, through the Winograd algorithm F(2x2, 3x3).
+// Convolution by 3 x 3 kernels with stride 1, through the Winograd algorithms F(2x2, 3x3) and F(4x4, 3x3).
 #pragma once
 
 #include "cpu/conv_cpu.h"
@@ -9,9 +9,10 @@ namespace corvalith {
 
 /// Every 2 x 2 output tile comes from a 4 x 4 input tile: both the tile and the weights are transformed to 16 values,
 /// for each of which the sum over the channels is a matrix product, and what comes out is transformed back. That takes
-/// 16 multiplications per channel and tile instead of 36. For each image the planes are padded, and then every slot
-/// takes a range of tiles, or of outputs where tiles are few, through all three steps in blocks that stay in its cache.
-/// With one input channel per group the transforms do not pay, and the sums are formed directly.
+/// 16 multiplications per channel and tile instead of 36. Large outputs of many channels have tiles of 4 x 4 instead,
+/// 36 instead of 144. For each image the planes are padded, and then every slot takes a range of tiles, or of outputs
+/// where tiles are few, through all three steps in blocks that stay in its cache. With one input channel per group the
+/// transforms do not pay, and the sums are formed directly.
 class ConvCPUWINO : public ConvCPU {
  public:
   using ConvCPU::ConvCPU;
@@ -22,7 +23,8 @@ class ConvCPUWINO : public ConvCPU {
  private:
   /// How the work is cut for the present shapes. Sizes are in floats.
   struct Plan {
-    bool direct;  // one input channel per group
+    bool direct;    // one input channel per group
+    size_t values;  // of a transformed tile
     size_t groups;
     size_t channels, outputs;  // of a group
     size_t inPlane, height, width;
@@ -34,8 +36,8 @@ class ConvCPUWINO : public ConvCPU {
     bool splitTiles;       // slots take panels of tiles, else panels of outputs
     size_t panels;         // of either, in a group
     size_t padFloats;      // of all planes, or of one per slot
-    size_t convertFloats;  // of one slot: 16 values x channels x tiles of a block
-    size_t productFloats;  // of one slot: 16 values x outputs x tiles of a block
+    size_t convertFloats;  // of one slot: values x channels x tiles of a block
+    size_t productFloats;  // of one slot: values x outputs x tiles of a block
   };
 
   void makePlan(const Shape& in, const Shape& out, const ConvParam& conv);
@@ -48,6 +50,7 @@ class ConvCPUWINO : public ConvCPU {
   void transformInput(const Work& work, size_t group, size_t tile, size_t tiles, float* v) const;
   void transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles, const float* p) const;
 
+  const WinogradKernels* winograd_ = nullptr;
   Plan plan_;
   DirectConvolution direct_;
 };

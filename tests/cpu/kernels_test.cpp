@@ -230,11 +230,11 @@ TEST_P(KernelsTest, PacksColumns) {
   }
 }
 
-/// Two output rows of a 3 x 3 kernel over four input rows, in double precision.
-std::vector<float> convolveTwoRows(const std::vector<float>& x, size_t rowStride, const float* g, size_t width,
-                                   float bias, bool relu) {
+/// Output rows of a 3 x 3 kernel, in double precision.
+std::vector<float> convolveRows(const std::vector<float>& x, size_t rowStride, const float* g, size_t rows,
+                                size_t width, float bias, bool relu) {
   std::vector<float> y;
-  for (size_t row = 0; row < 2; ++row) {
+  for (size_t row = 0; row < rows; ++row) {
     for (size_t i = 0; i < width; ++i) {
       double sum = bias;
       for (size_t tap = 0; tap < 9; ++tap) {
@@ -248,33 +248,31 @@ std::vector<float> convolveTwoRows(const std::vector<float>& x, size_t rowStride
 
 TEST_P(KernelsTest, Convolutions3x3) {
   const std::vector<float> g = noise(9, 4);
-  const float transform[4][3] = {{1, 0, 0}, {.5f, .5f, .5f}, {.5f, -.5f, .5f}, {0, 0, 1}};
-  for (size_t width = 1; width <= kMaxLength; ++width) {
-    const size_t tiles = (width + 1) / 2, whole = (tiles + k.lanes - 1) / k.lanes * k.lanes;
-    const size_t pitch = whole + 1;
-    const std::vector<float> x = noise(4 * 2 * pitch + k.lanes, 5);
-    std::vector<float> split(x.size()), v(16 * whole);
-    k.padPlane({{2, pitch, 2 * pitch, 2}, 4, 2 * pitch, 2 * pitch, 0, 0, 4}, x.data(), split.data());
-    k.winogradInput(split.data(), pitch, v.data(), whole, tiles, whole);
-    for (size_t e = 0; e < 16; ++e) {
-      double u = 0;
-      for (size_t tap = 0; tap < 9; ++tap) u += g[tap] * transform[e / 4][tap / 3] * transform[e % 4][tap % 3];
-      for (size_t i = 0; i < whole; ++i) v[e * whole + i] *= static_cast<float>(u);
+  for (const WinogradKernels* w : {&k.winogradOf2, &k.winogradOf4}) {
+    const size_t tile = w->tile, size = tile + 2, values = size * size;
+    std::vector<float> u(values);
+    w->kernels(g.data(), 1, 1, u.data());
+    for (size_t width = 1; width <= kMaxLength; ++width) {
+      SCOPED_TRACE("tiles of " + std::to_string(tile) + ", width " + std::to_string(width));
+      const size_t tiles = (width + tile - 1) / tile, whole = (tiles + k.lanes - 1) / k.lanes * k.lanes;
+      const size_t phase = whole + 1, pitch = tile * phase;
+      const std::vector<float> x = noise(size * pitch + k.lanes, 5);
+      std::vector<float> split(x.size()), v(values * whole);
+      k.padPlane({{tile, phase, pitch, tile}, size, pitch, pitch, 0, 0, size}, x.data(), split.data());
+      w->input(split.data(), phase, v.data(), whole, tiles, whole);
+      for (size_t i = 0; i < v.size(); ++i) v[i] *= u[i / whole];
+      for (const bool relu : {false, true}) {
+        const std::vector<float> want = convolveRows(x, pitch, g.data(), tile, width, 0.25f, relu);
+        std::vector<float> y(want.size());
+        w->output(v.data(), whole, 0.25f, relu, y.data(), width, tile, width);
+        expectSame(y, want, 1e-5f);
+        y.assign(y.size(), 7);
+        w->output(v.data(), whole, 0.25f, relu, y.data(), width, 1, width);
+        for (size_t i = width; i < y.size(); ++i) EXPECT_EQ(y[i], 7) << "behind the last row";
+        k.convolvePlane({x.data(), {1, pitch, pitch, 1}, 3, 3, g.data(), 0.25f, relu, y.data(), tile, width});
+        expectSame(y, want, 1e-5f);
+      }
     }
-    for (const bool relu : {false, true}) {
-      SCOPED_TRACE("width " + std::to_string(width));
-      const std::vector<float> want = convolveTwoRows(x, 2 * pitch, g.data(), width, 0.25f, relu);
-      std::vector<float> y(2 * width);
-      k.winogradOutput(v.data(), whole, 0.25f, relu, y.data(), y.data() + width, width);
-      expectSame(y, want, 1e-5f);
-      y.assign(y.size(), 0);
-      k.convolvePlane({x.data(), {1, 2 * pitch, 2 * pitch, 1}, 3, 3, g.data(), 0.25f, relu, y.data(), 2, width});
-      expectSame(y, want, 1e-5f);
-    }
-    const std::vector<float> want = convolveTwoRows(x, 2 * pitch, g.data(), width, 0, false);
-    std::vector<float> first(width);
-    k.winogradOutput(v.data(), whole, 0, false, first.data(), nullptr, width);
-    expectSame(first, {want.begin(), want.begin() + static_cast<std::ptrdiff_t>(width)}, 1e-5f);
   }
 }
 

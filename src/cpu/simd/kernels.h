@@ -19,6 +19,7 @@ struct PackedProduct {
   size_t yStride;
   const float* bias;  // a value per row, or null
   bool relu;
+  size_t depthChunk = 256;  // steps whose sum stays in one register: fewer are more exact
 };
 
 /// How convolutions have their input planes laid out. Columns are sorted by what is left of their number after division
@@ -70,6 +71,22 @@ struct PoolRow {
   size_t n;
 };
 
+/// The Winograd algorithm F(TxT, 3x3): tiles of T x T outputs come from S x S inputs, S = T + 2.
+struct WinogradKernels {
+  size_t tile;        // T
+  size_t depthChunk;  // of the products, for the accuracy that T leaves
+  /// U = G g G^T for outputs x channels kernels: S * S matrices of outputs x channels, packed as packedProduct takes
+  /// them.
+  void (*kernels)(const float* kernels, size_t outputs, size_t channels, float* u);
+  /// V = B^T d B for n neighbouring tiles: value e of tile i goes to v[e * plane + i]. `x` is the first tile's first
+  /// row in the layout of a stride of T: its phases are `phase` apart. Reads as if n were rounded up to `lanes`, and
+  /// one value more; writes garbage behind n tiles, up to `room`.
+  void (*input)(const float* x, size_t phase, float* v, size_t plane, size_t n, size_t room);
+  /// A^T P A + bias, with a ReLU where told, for neighbouring tiles laid out as above: n values to each of `rows` rows
+  /// of outputs, `pitch` apart. Reads as if the tiles were rounded up to `lanes`.
+  void (*output)(const float* p, size_t plane, float bias, bool relu, float* y, size_t pitch, size_t rows, size_t n);
+};
+
 /// One build of all inner loops. Pointers need no alignment beyond a float's; ranges may be empty; in and out may be
 /// the same range where both have one length. A NaN is never greater than anything, so it becomes 0 in `relu`. An
 /// output has the same bits wherever it stands in a range, so work may be split anywhere (sumPoolRow alone is an
@@ -95,7 +112,7 @@ struct CpuKernels {
   size_t lanes;      // values in a vector
   size_t panelRows;  // rows of `a` that packedProduct takes at a time
   size_t panelColumns;
-  /// Nothing for a depth of 0. A sum is cut into chunks of some hundred steps, for its accuracy.
+  /// Nothing for a depth of 0.
   void (*packedProduct)(const PackedProduct& product);
   /// Column panels for output pixels first to first + columns: value (k, n) at panels[n / pC * panelFloats + k * pC +
   /// n % pC], where k counts channels, kernel rows and kernel columns. Writes garbage behind each panel and into the
@@ -106,16 +123,7 @@ struct CpuKernels {
 
   /// Writes a padded plane, zeros included, and up to `lanes` values behind it.
   void (*padPlane)(const PaddedPlane& plane, const float* x, float* y);
-  /// U = G g G^T of F(2x2, 3x3) for outputs x channels kernels: 16 matrices of outputs x channels, packed as
-  /// packedProduct takes them.
-  void (*winogradKernels)(const float* kernels, size_t outputs, size_t channels, float* u);
-  /// V = B^T d B of F(2x2, 3x3) for n neighbouring tiles: value e (0 to 15) of tile i goes to v[e * plane + i]. `x` is
-  /// the first tile's first row, whose even columns lie there and whose odd ones at x + pitch; rows are 2 * pitch
-  /// apart. Reads as if n were rounded up to `lanes`, and one value more; writes garbage behind n tiles, up to `room`.
-  void (*winogradInput)(const float* x, size_t pitch, float* v, size_t plane, size_t n, size_t room);
-  /// A^T P A + bias, with a ReLU where told, for neighbouring tiles laid out as above: n values to each of the output
-  /// rows y0 and y1, of which y1 may be null. Reads as if the tiles were rounded up to `lanes`.
-  void (*winogradOutput)(const float* p, size_t plane, float bias, bool relu, float* y0, float* y1, size_t n);
+  WinogradKernels winogradOf2, winogradOf4;
   /// Reads `lanes` values from each output's first one on.
   void (*convolvePlane)(const PlaneConvolution& p);
 

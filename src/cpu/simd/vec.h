@@ -69,9 +69,8 @@ CORVALITH_INLINE void store(float* p, V v) {
   __builtin_memcpy(p, &v, sizeof v);
 }
 
-/// The first `count` lanes, or all.
-CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
-  if (count >= kLanes) return store(p, v);
+/// The first `count` lanes, fewer than all. Not inline: it stands behind rare branches of long kernels.
+__attribute__((noinline)) void storePart(float* p, V v, size_t count) {
   float lanes[kLanes];
   store(lanes, v);
   size_t i = 0;
@@ -80,6 +79,12 @@ CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
   }
   if ((count & 2) != 0) __builtin_memcpy(p + i, lanes + i, 2 * sizeof(float)), i += 2;
   if ((count & 1) != 0) p[i] = lanes[i];
+}
+
+/// The first `count` lanes, or all.
+CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
+  if (count < kLanes) return storePart(p, v, count);
+  store(p, v);
 }
 
 /// The first `count` lanes of memory, fewer than all; zeros in the others.
