@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Times our engine on one thread while the work grows: 1 to 16 images of a network's own size, and one image of 1 to 16
-times its area. Sizes are fed to one model, made for one image, as an application feeds them. All stay loaded on the same
-core and take turns. Judged is the process' CPU time per unit of work, by that of the smallest work run just before and
-after. Called by bench/cpu/growth."""
+times its area. Sizes are fed to one model, made for one image, as an application feeds them. All are loaded on the same
+core and take turns; every round has new processes, as each has its own luck with the addresses of its memory. Judged is
+the process' CPU time per unit of work, by that of the smallest work run just before and after. Called by
+bench/cpu/growth."""
 import argparse
 import json
 import os
@@ -69,14 +70,14 @@ def measure(name, chosen, core):
     base, network = prepare(name, chosen)
     write_input(base + ".input", network["input"])
     command = commands(chosen.programs)[OURS][0]
-    drivers, times, ratios = {}, {}, {}
-    try:
-        for key, shape in shapes(network["input"]):
-            progress("%s: loading for %s" % (name, "x".join(map(str, shape))))
-            drivers[key] = Driver(command, base, dict(network, input=shape), [core])
-            times[key], ratios[key] = [], []
-        for i in range(chosen.rounds):
+    inputs = dict(shapes(network["input"]))
+    times, ratios = {key: [] for key in inputs}, {key: [] for key in inputs}
+    for i in range(chosen.rounds):
+        drivers = {}
+        try:
             progress("%s: round %d of %d" % (name, i + 1, chosen.rounds))
+            for key, shape in inputs.items():
+                drivers[key] = Driver(command, base, dict(network, input=shape), [core])
             before = cpu_time(drivers[ONE], SMALLEST_RUNS)[:]
             for key in [k for k in drivers if k != ONE]:
                 runs = cpu_time(drivers[key], max(1, SMALLEST_RUNS // key[1]))[:]
@@ -85,9 +86,9 @@ def measure(name, chosen, core):
                 times[ONE] += after
                 ratios[key].append(statistics.mean(runs) / key[1] / statistics.mean(before + after))
                 before = after
-    finally:
-        for driver in drivers.values():
-            driver.stop()
+        finally:
+            for driver in drivers.values():
+                driver.stop()
     progress("")
     result = {"input": network["input"], "batch": {}, "area": {}}
     for direction in ("batch", "area"):
@@ -116,7 +117,7 @@ def main():
     for name in chosen.nets:
         result = everything["networks"][name] = measure(name, chosen, max(os.sched_getaffinity(0)))
         print_network(name, result)
-        failures += ["%s, %d times the %s: %.2f times the time per unit of work" % (name, factor, direction, r["per_unit"])
+        failures += ["%s, %d times the %s: %.2f of the time per unit" % (name, factor, direction, r["per_unit"])
                      for direction in ("batch", "area") for factor, r in result[direction].items()
                      if abs(r["per_unit"] - 1) > TOLERANCE]
         if chosen.json:  # as soon as there is something to keep
