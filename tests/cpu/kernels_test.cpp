@@ -130,7 +130,7 @@ TEST_P(KernelsTest, PackedProducts) {
     for (size_t rows = 1; rows <= 2 * k.panelRows + 1; ++rows) {
       for (size_t columns = 1; columns <= k.panelColumns + k.lanes + 1; ++columns) {
         const size_t whole = (columns + k.panelColumns - 1) / k.panelColumns * k.panelColumns, yStride = columns + 3;
-        const std::vector<float> a = noise(rows * depth, 1), b = noise(depth * whole, 2);
+        const std::vector<float> a = noise(rows * depth + 2 * k.panelRows, 1), b = noise(depth * whole, 2);
         const std::vector<float> before = noise(rows * yStride, 3);
         std::vector<float> packed(a.size()), panels(b.size()), y = before, again = before;
         for (size_t m = 0; m < rows; ++m) {

@@ -9,7 +9,7 @@ namespace corvalith {
 /// columns to a panel, CpuKernels::panelRows and panelColumns.
 struct PackedProduct {
   // Panels of pR rows, the last one of what is left; per panel and k, the rows' values side by side. What follows the
-  // last may be read, up to pR values.
+  // last may be read, up to pR values and whole vectors.
   const float* a;
   size_t rows;
   const float* b;  // value (k, n) at b[n / pC * bPanel + k * bStride + n % pC], read up to whole vectors of columns
