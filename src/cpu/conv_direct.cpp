@@ -5,8 +5,15 @@
 
 namespace corvalith {
 
+/// Whether the kernel shuffles the columns as it loads them, which costs less than having them sorted.
+static bool takesUnsortedColumns(const ConvParam& conv) {
+  return conv.kernel_h == conv.kernel_w && (conv.kernel_h == 3 || conv.kernel_h == 5) && conv.stride_h == 2 &&
+         conv.stride_w == 2;
+}
+
 void DirectConvolution::plan(const Shape& in, const Shape& out, const ConvParam& conv) {
   padded_ = paddedPlane(in, conv, static_cast<size_t>(out.h));
+  if (takesUnsortedColumns(conv)) padded_.layout = {1, padded_.layout.pitch, padded_.layout.pitch, 2};
   conv_ = conv;
   in_ = in;
   out_ = out;
@@ -21,9 +28,17 @@ void* DirectConvolution::threadFun(void* record) {
   const size_t taps = static_cast<size_t>(conv.kernel_h) * static_cast<size_t>(conv.kernel_w);
   const size_t inPlane = static_cast<size_t>(in.h) * static_cast<size_t>(in.w);
   const int perChannel = out.c / conv.group;
-  PlaneConvolution plane = {
-      work.scratch, padded.layout, static_cast<size_t>(conv.kernel_h), static_cast<size_t>(conv.kernel_w), nullptr, 0,
-      work.relu,    nullptr,       static_cast<size_t>(out.h),         static_cast<size_t>(out.w)};
+  PlaneConvolution plane = {work.scratch,
+                            padded.layout,
+                            static_cast<size_t>(conv.stride_w),
+                            static_cast<size_t>(conv.kernel_h),
+                            static_cast<size_t>(conv.kernel_w),
+                            nullptr,
+                            0,
+                            work.relu,
+                            nullptr,
+                            static_cast<size_t>(out.h),
+                            static_cast<size_t>(out.w)};
   for (int i = work.first; i < work.end; ++i) {
     const size_t output = static_cast<size_t>(i % out.c);
     if (i == work.first || i % perChannel == 0) {

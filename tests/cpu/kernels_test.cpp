@@ -269,7 +269,7 @@ TEST_P(KernelsTest, Convolutions3x3) {
         y.assign(y.size(), 7);
         w->output(v.data(), whole, 0.25f, relu, y.data(), width, 1, width);
         for (size_t i = width; i < y.size(); ++i) EXPECT_EQ(y[i], 7) << "behind the last row";
-        k.convolvePlane({x.data(), {1, pitch, pitch, 1}, 3, 3, g.data(), 0.25f, relu, y.data(), tile, width});
+        k.convolvePlane({x.data(), {1, pitch, pitch, 1}, 1, 3, 3, g.data(), 0.25f, relu, y.data(), tile, width});
         expectSame(y, want, 1e-5f);
       }
     }

@@ -53,6 +53,7 @@ struct Unfolding {
 struct PlaneConvolution {
   const float* x;
   PlaneLayout layout;
+  size_t stride;  // columns between those where two outputs begin: the layout's, or 2 where that is 1
   size_t kernelHeight, kernelWidth;
   const float* weights;
   float bias;
@@ -124,7 +125,8 @@ struct CpuKernels {
   /// Writes a padded plane, zeros included, and up to `lanes` values behind it.
   void (*padPlane)(const PaddedPlane& plane, const float* x, float* y);
   WinogradKernels winogradOf2, winogradOf4;
-  /// Reads `lanes` values from each output's first one on.
+  /// Reads `lanes` outputs' values from each output's first one on. Columns that are not in the order of the stride are
+  /// for kernels of 3 x 3 and 5 x 5 and a stride of 2 in both directions.
   void (*convolvePlane)(const PlaneConvolution& p);
 
   /// The maximum starts at -999999.9, which a window outside the plane leaves, and ignores NaNs.

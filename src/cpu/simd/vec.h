@@ -118,6 +118,15 @@ CORVALITH_INLINE float mulAdd(float a, float b, float c) {
 #endif
 }
 
+/// sum += a * b, with the sum where it is.
+CORVALITH_INLINE void accumulate(V& sum, V a, V b) {
+#if defined(__FMA__)
+  asm("vfmadd231ps %2, %1, %0" : "+x"(sum) : "x"(a), "x"(b));
+#else
+  sum = mulAdd(a, b, sum);
+#endif
+}
+
 /// The greater one; `number` where x is a NaN. `number` itself must not be one.
 template <class V>
 CORVALITH_INLINE V greater(V x, V number) {
@@ -175,14 +184,22 @@ CORVALITH_INLINE Vec<W> loadEven(const float* p) {
   return evenOf(load<W>(p), load<W>(p + W - 1));
 }
 
-/// Values STRIDE apart; 0 stands for `stride`.
+/// Values STRIDE apart, 1 or 2, in an order that spares shuffling across the halves of a vector: inOrder restores it.
 template <int STRIDE>
-CORVALITH_INLINE V loadStrided(const float* p, size_t stride) {
+CORVALITH_INLINE V loadStrided(const float* p) {
+  static_assert(STRIDE == 1 || STRIDE == 2);
   if constexpr (STRIDE == 1) return load<kLanes>(p);
-  if constexpr (STRIDE == 2) return loadEven<kLanes>(p);
-  V v{};
-#pragma GCC unroll 8
-  for (int i = 0; i < kLanes; ++i) v[i] = p[static_cast<size_t>(i) * stride];
+#if defined(__AVX2__)
+  return _mm256_shuffle_ps(load<8>(p), load<8>(p + 7), _MM_SHUFFLE(3, 1, 2, 0));
+#else
+  return loadEven<kLanes>(p);
+#endif
+}
+template <int STRIDE>
+CORVALITH_INLINE V inOrder(V v) {
+#if defined(__AVX2__)
+  if constexpr (STRIDE == 2) return __builtin_shufflevector(v, v, 0, 1, 4, 5, 2, 3, 6, 7);
+#endif
   return v;
 }
 
