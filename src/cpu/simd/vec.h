@@ -132,11 +132,23 @@ template <class V>
 CORVALITH_INLINE V greater(V x, V number) {
   return x > number ? x : number;
 }
+// Compilers make a compare and a select of the general form.
 #if defined(__aarch64__)
 template <>
 CORVALITH_INLINE Vec<4> greater(Vec<4> x, Vec<4> number) {
-  return vmaxnmq_f32(x, number);  // compilers make a compare and a select of the general form; vmaxq_f32 keeps a NaN
+  return vmaxnmq_f32(x, number);  // vmaxq_f32 keeps a NaN
 }
+#else
+template <>
+CORVALITH_INLINE Vec<4> greater(Vec<4> x, Vec<4> number) {
+  return _mm_max_ps(x, number);  // the second one where either is a NaN
+}
+#if defined(__AVX2__)
+template <>
+CORVALITH_INLINE Vec<8> greater(Vec<8> x, Vec<8> number) {
+  return _mm256_max_ps(x, number);
+}
+#endif
 #endif
 
 CORVALITH_INLINE V squareRoot(V x) {
