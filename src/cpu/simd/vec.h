@@ -190,23 +190,25 @@ CORVALITH_INLINE Vec<8> evenOf(Vec<8> low, Vec<8> high) {
 }
 #endif
 
-/// p[0], p[2], ... p[2 * (W - 1)], touching nothing behind the last of them.
-template <int W>
-CORVALITH_INLINE Vec<W> loadEven(const float* p) {
-  return evenOf(load<W>(p), load<W>(p + W - 1));
+// Values STRIDE apart, 1 or 2, in an order that spares shuffling across the halves of a vector: inOrder restores it.
+
+/// Of those that begin with `low`, where `high` begins with low's last.
+CORVALITH_INLINE V everyOther(V low, V high) {
+#if defined(__AVX2__)
+  return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(3, 1, 2, 0));
+#else
+  return evenOf(low, high);
+#endif
 }
 
-/// Values STRIDE apart, 1 or 2, in an order that spares shuffling across the halves of a vector: inOrder restores it.
 template <int STRIDE>
 CORVALITH_INLINE V loadStrided(const float* p) {
   static_assert(STRIDE == 1 || STRIDE == 2);
-  if constexpr (STRIDE == 1) return load<kLanes>(p);
-#if defined(__AVX2__)
-  return _mm256_shuffle_ps(load<8>(p), load<8>(p + 7), _MM_SHUFFLE(3, 1, 2, 0));
-#else
-  return loadEven<kLanes>(p);
-#endif
+  const V low = load<kLanes>(p);
+  if constexpr (STRIDE == 1) return low;
+  return everyOther(low, load<kLanes>(p + kLanes - 1));
 }
+
 template <int STRIDE>
 CORVALITH_INLINE V inOrder(V v) {
 #if defined(__AVX2__)
