@@ -53,7 +53,7 @@ int InferenceAgent::taskAssign(std::string const& path) {
   if (model_->loadModelDataFromFile(path) != 0) return -10;
   for (const std::unique_ptr<Context>& context : contexts_) {
     auto net = std::make_unique<Net>(context.get());
-    if (net->buildInferenceNet(model_) != 0) return -11;
+    if (net->buildInferenceNet(model_, contexts_.size() == 1) != 0) return -11;
     nets_.push_back(std::move(net));
   }
   if (std::none_of(contexts_.begin(), contexts_.end(), isHalfGpu)) {  // others refuse to dump before they read it

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/memory.h"
 
 namespace corvalith {
 
@@ -36,12 +37,30 @@ Block::Block(int bytes, Context* ctx, const void* blob)
   if (data_ == nullptr) logError("block CorvalithMalloc failed");
 }
 
+Block::Block(const Shape& s, Context* ctx, View view)
+    : batch_(s.n),
+      channel_(s.c),
+      height_(s.h),
+      width_(s.w),
+      count_(getSize()),
+      type_(ctx->getDataType()),
+      kind_(kView),
+      context_(ctx) {
+  if (allocatable()) data_ = view.values;
+  if (data_ == nullptr) logError("block CorvalithMalloc failed");
+}
+
 Block::~Block() {
   if (kind_ == kPlain) release();
 }
 
 void Block::release() {
-  if (data_ != nullptr) context_->CorvalithRelease(data_);
+  if (isView()) {
+    if (data_ != nullptr) discardBytes(data_, static_cast<size_t>(count_) * sizeof(float));
+    kind_ = kPlain;  // what comes next is the block's own
+  } else if (data_ != nullptr) {
+    context_->CorvalithRelease(data_);
+  }
   data_ = nullptr;
 }
 

@@ -8,10 +8,10 @@
 
 namespace corvalith {
 
-/// A tensor in batch, channel, height, width order. It owns one memory handle of its context's device and touches the
-/// memory only through the context, which must outlive it. Failed allocations are logged and leave a null handle: test
-/// getData() after construction. A shape with a negative dimension or more than kMaxBlockElements elements is a failed
-/// allocation.
+/// A tensor in batch, channel, height, width order. It owns one memory handle of its context's device (views: none) and
+/// touches the memory only through the context, which must outlive it. Failed allocations are logged and leave a null
+/// handle: test getData() after construction. A shape with a negative dimension or more than kMaxBlockElements elements
+/// is a failed allocation.
 class Block {
  public:
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx);
@@ -19,6 +19,11 @@ class Block {
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx, const float* init);
   /// A copy of a byte blob: shape 1, 1, 1, bytes of type CORVALITH_RAW.
   Block(int bytes, Context* ctx, const void* blob);
+  /// Floats that somebody else owns and keeps for as long as the block is used. On CPU contexts only.
+  struct View {
+    float* values;
+  };
+  Block(const Shape& shape, Context* ctx, View view);
   virtual ~Block();
   virtual void* getData() const;
 
@@ -30,6 +35,8 @@ class Block {
   int getHeight() const { return height_; }
   int getWidth() const { return width_; }
   CORVALITH_DATATYPE getType() const { return type_; }
+  /// Whether the memory is somebody else's.
+  bool isView() const { return kind_ == kView; }
   bool onGpu() const { return context_->getDeviceType() == CORVALITH_GPU; }
   Shape shape() const { return {batch_, channel_, height_, width_}; }
   /// Element count of the current shape, as a 32-bit product.
@@ -45,7 +52,7 @@ class Block {
   /// Replaces the contents by getSize() floats.
   int setData(const float* values);
   int clear();
-  /// Gives the memory back; the shape stays.
+  /// Gives the memory back, a view's pages too; the shape stays.
   void release();
   /// Copies the whole tensor to getSize() host floats.
   int getCPUData(float* out) const;
@@ -55,7 +62,7 @@ class Block {
   int printTopData(std::string fileName) const;
 
  protected:
-  enum Kind { kTop = 0, kImpl = 2, kPlain = 3 };
+  enum Kind { kTop = 0, kImpl = 2, kPlain = 3, kView = 4 };
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx, Kind kind, const char* failure);
 
  private:

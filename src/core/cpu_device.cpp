@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 
@@ -115,7 +114,7 @@ int CPUDevice::CorvalithClear(void* mem, CORVALITH_DATATYPE, int count) {
 }
 
 int CPUDevice::CorvalithRelease(void* mem) {
-  std::free(mem);
+  releaseBytes(mem);
   return 0;
 }
 

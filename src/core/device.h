@@ -21,6 +21,7 @@ class Device {
   /// Writes `bytes` bytes of device memory to `out`.
   virtual int printTopDataRaw(int bytes, void* data, std::ofstream* out);
   virtual int deviceInit() = 0;
+  /// Fresh memory reads as zeros: an output can be read before the first run, and after one that failed further up.
   virtual void* CorvalithMalloc(int count, CORVALITH_DATATYPE type) = 0;
   /// `typeName` "bool" counts bytes, any other name 32-bit words.
   virtual void* CorvalithMalloc(int count, std::string typeName) = 0;

@@ -1,28 +1,23 @@
-// Heap memory for what is large.
+// Heap memory for tensors and model images.
 #pragma once
 
-#include <cstdlib>
-
-#if defined(__linux__)
-#include <sys/mman.h>
-
-#include <cstdint>
-#endif
+#include <cstddef>
 
 namespace corvalith {
 
-/// malloc; the kernel is asked for huge pages, as weights and large tensors take noticeable time to map page by page.
-/// To be freed by std::free; null where there is no memory.
-inline void* allocateBytes(size_t bytes) {
-  void* memory = std::malloc(bytes);
-#if defined(MADV_HUGEPAGE)
-  constexpr uintptr_t kHugePage = 2 * 1024 * 1024;
-  const uintptr_t address = reinterpret_cast<uintptr_t>(memory);
-  const uintptr_t begin = (address + kHugePage - 1) / kHugePage * kHugePage;
-  const uintptr_t end = (address + bytes) / kHugePage * kHugePage;  // a part of a page would take a whole one
-  if (memory != nullptr && begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-#endif
-  return memory;
-}
+/// Zeros, or null where there is no memory. Pieces from kLargePiece bytes on lie side by side in huge pages, where the
+/// system has any: mapping weights and tensors page by page takes longer than filling them. Under the API lock.
+void* allocateBytes(size_t bytes);
+/// Gives back what allocateBytes returned; null is fine.
+void releaseBytes(void* memory);
+/// Gives the pages that lie wholly in this part of a piece back to the system. Nobody may read the part again; it is
+/// released with its piece.
+void discardBytes(void* begin, size_t bytes);
+
+constexpr size_t kLargePiece = 32 * 1024;
+
+struct ReleaseBytes {
+  void operator()(void* memory) const { releaseBytes(memory); }
+};
 
 }  // namespace corvalith

@@ -13,14 +13,13 @@ namespace {
 constexpr size_t kBlockFloats = 64 * 1024;  // of columns: what a core's second-level cache holds beside others
 constexpr size_t kFewOutputs = 32;          // so few that columns are not read often enough to pack them
 
-/// Rows of `depth` values as panels, as the product takes them.
-void packRows(const float* from, size_t rows, size_t depth, float* to) {
+/// Rows of `depth` values as panels, as the product takes them; `to` may be `from`. `panel` has room for one of them.
+void packRows(const float* from, size_t rows, size_t depth, float* to, float* panel) {
   const size_t panelRows = cpuKernels().panelRows;
-  for (size_t panel = 0; panel < rows; panel += panelRows, from += panelRows * depth) {
-    const size_t height = std::min(panelRows, rows - panel);
-    for (size_t k = 0; k < depth; ++k) {
-      for (size_t m = 0; m < height; ++m) *to++ = from[m * depth + k];
-    }
+  for (size_t row = 0; row < rows; row += panelRows) {
+    const size_t height = std::min(panelRows, rows - row);
+    std::copy_n(from + row * depth, height * depth, panel);
+    cpuKernels().transpose(panel, depth, to + row * depth, height, height, depth);
   }
 }
 
@@ -84,14 +83,18 @@ int ConvCPUGEMM::reshape(Blocks const& bottoms, Blocks const& tops, void* param,
   return 0;
 }
 
-int ConvCPUGEMM::prepareWeights(const Block& weight) {
+int ConvCPUGEMM::prepareWeights(Block& weight) {
   if (plan_.direct) return 0;
-  weightBuffer_ = context_->CorvalithMalloc(weight.getSize() + static_cast<int>(kCacheLine), dataType_);
-  if (weightBuffer_ == nullptr) return fail("ConvCPUGEMMImpl convert buffer create fail");
+  packed_ = floats(&weight);
+  if (!weight.isView()) {
+    weightBuffer_ = context_->CorvalithMalloc(weight.getSize() + static_cast<int>(kCacheLine), dataType_);
+    if (weightBuffer_ == nullptr) return fail("ConvCPUGEMMImpl convert buffer create fail");
+    packed_ = static_cast<float*>(weightBuffer_);
+  }
+  float* panel = cpu().scratch(Scratch::kUnfolded, plan_.unfoldedFloats);
   const size_t groupFloats = plan_.outputs * plan_.depth;
   for (size_t g = 0; g < plan_.groups; ++g) {
-    packRows(floats(&weight) + g * groupFloats, plan_.outputs, plan_.depth,
-             static_cast<float*>(weightBuffer_) + g * groupFloats);
+    packRows(floats(&weight) + g * groupFloats, plan_.outputs, plan_.depth, packed_ + g * groupFloats, panel);
   }
   return 0;
 }
@@ -199,9 +202,8 @@ void ConvCPUGEMM::multiplyColumns(const Work& work, size_t group, size_t firstPa
 void ConvCPUGEMM::multiply(const Work& work, size_t group, const Columns& b, size_t firstColumn, size_t columns,
                            size_t firstRow, size_t rows) const {
   const size_t output = group * plan_.outputs + firstRow;
-  cpuKernels().packedProduct({packedWeights() + output * plan_.depth, rows, b.values, b.stride, b.panel, columns,
-                              plan_.depth, work.y + output * plan_.pixels + firstColumn, plan_.pixels,
-                              work.bias + output, relu_});
+  cpuKernels().packedProduct({packed_ + output * plan_.depth, rows, b.values, b.stride, b.panel, columns, plan_.depth,
+                              work.y + output * plan_.pixels + firstColumn, plan_.pixels, work.bias + output, relu_});
 }
 
 }  // namespace corvalith

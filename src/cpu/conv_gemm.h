@@ -47,7 +47,7 @@ class ConvCPUGEMM : public ConvCPU {
   };
 
   void makePlan(const Shape& in, const Shape& out, const ConvParam& conv);
-  int prepareWeights(const Block& weight);
+  int prepareWeights(Block& weight);
 
   static void* padThreadFun(void* record);
   static void* im2colThreadFun(void* record);
@@ -58,6 +58,7 @@ class ConvCPUGEMM : public ConvCPU {
                 size_t rows) const;
 
   Plan plan_;
+  float* packed_ = nullptr;  // weights; in weightBuffer_, or where the layer's were if they are a view
   DirectConvolution direct_;
 };
 

@@ -24,6 +24,7 @@ class Impl {
 
   /// Writes the weights as this implementation prepared them, then `biasBytes` bytes of device memory `bias`.
   virtual int dumpWeight(std::ofstream* out, void* bias, int biasBytes);
+  /// May lay the values of a view anew (Block::isView): nobody else reads them.
   virtual int init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias);
   virtual int forward(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias) = 0;
   virtual int reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block* bias);

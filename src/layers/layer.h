@@ -17,7 +17,8 @@ namespace corvalith {
 enum LoadMode {
   LOAD_FULL = 0,  // a full model: weights are 32-bit floats, copied into blocks at once
   LOAD_NB = 1,    // a half-precision model: weights stay in the model image until readData
-  LOAD_DUMP = 2   // nothing is loaded; types with weights write a half-precision record to the stream
+  LOAD_DUMP = 2,  // nothing is loaded; types with weights write a half-precision record to the stream
+  LOAD_VIEW = 3   // a full model whose image the layer may write to and outlives: large weights stay where they are
 };
 
 /// A layer is made by the registry, configured from its record (setLayerParam, then readData for half-precision

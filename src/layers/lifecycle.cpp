@@ -15,10 +15,6 @@ bool isTerminated(const char (&name)[kNameSize]) { return std::memchr(name, 0, k
 /// Some types have no text for some failures: then only the status tells.
 int failWith(const char* text) { return text != nullptr ? fail(text) : -1; }
 
-/// Has memory just made read as zeros, as a GPU's does anyway: an output can be read before the first run, and after
-/// one that failed further up.
-int clearFresh(Block& block) { return block.onGpu() ? 0 : block.clear(); }
-
 bool hasMemory(const Block* block) { return block != nullptr && block->getData() != nullptr; }
 
 }  // namespace
@@ -129,7 +125,6 @@ int LayerLifecycle<Base>::makeTop() {
       ownedTop_ = std::make_unique<TopBlock>(shape.n, shape.c, shape.h, shape.w, this->dataType_, this->context_, name);
       top = ownedTop_.get();
       if (!hasMemory(top)) return fail(messages().topCreate != nullptr ? messages().topCreate : "block create fail");
-      if (clearFresh(*top) != 0) return failWith(messages().topCreate);
     }
     this->topData_[name] = top;
   }
@@ -186,11 +181,7 @@ int LayerLifecycle<Base>::reshape() {
   Shape shape;
   if (checkedTopShape(shape, messages().reshapeFail) != 0) return -1;
   Block* top = this->topBlocks_[0];
-  if (top->shape() != shape || !hasMemory(top)) {
-    const bool newMemory = !hasMemory(top) || top->shape().elements() < shape.elements();
-    if (top->reshape(shape) != 0) return failWith(messages().reshapeFail);
-    if (newMemory && clearFresh(*top) != 0) return -1;
-  }
+  if ((top->shape() != shape || !hasMemory(top)) && top->reshape(shape) != 0) return failWith(messages().reshapeFail);
   if (implKnowsShapes()) return 0;
   implShapes_.clear();  // until it has succeeded, no shape counts as known
   if (this->impl_->reshape(this->bottomBlocks_, this->topBlocks_, special_, weight_.get(), bias_.get()) != 0) {

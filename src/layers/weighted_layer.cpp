@@ -3,6 +3,11 @@
 #include "core/log.h"
 
 namespace corvalith {
+namespace {
+
+constexpr int kRoomBehindViews = 16;  // floats
+
+}  // namespace
 
 int WeightedLayer::setLayerParam(char const* data, int size, int mode, std::ofstream* dump) {
   // What came from a half-precision model is copied as it is.
@@ -26,7 +31,12 @@ int WeightedLayer::readBody(RecordReader& reader, int mode) {
   std::vector<float> spare;
   const Shape shape = weightShape(weightSize);
   const float* weights = reader.takeFloats(weightSize, spare);
-  weight_ = std::make_unique<Block>(shape.n, shape.c, shape.h, shape.w, dataType_, context_, weights);
+  // Vectors may read behind the weights: there must be a vector's worth of biases.
+  if (mode == LOAD_VIEW && weights != spare.data() && biasSize >= kRoomBehindViews) {
+    weight_ = std::make_unique<Block>(shape, context_, Block::View{const_cast<float*>(weights)});
+  } else {
+    weight_ = std::make_unique<Block>(shape.n, shape.c, shape.h, shape.w, dataType_, context_, weights);
+  }
   const float* biases = reader.takeFloats(biasSize, spare);
   bias_ = std::make_unique<Block>(biasSize, 1, 1, 1, dataType_, context_, biases);
   if (weight_->getData() == nullptr || bias_->getData() == nullptr) return fail("block create fail");

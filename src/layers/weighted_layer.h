@@ -12,8 +12,8 @@ struct WeightedMessages {
 };
 
 /// The record ends with the weights and then the biases. In a full model both are floats and become weight_ and bias_
-/// at once; in a half-precision model both are bytes, prepared for one GPU implementation, and become CORVALITH_RAW
-/// blocks in readData.
+/// at once, copied or as a view; in a half-precision model both are bytes, prepared for one GPU implementation, and
+/// become CORVALITH_RAW blocks in readData.
 class WeightedLayer : public StandardLayer {
  public:
   int setLayerParam(char const* data, int size, int mode, std::ofstream* dump) final;

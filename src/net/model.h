@@ -1,7 +1,6 @@
 // The image of a model file.
 #pragma once
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -19,7 +18,9 @@ class Model {
   int getDataPtr(unsigned int size, char const*& ptr);
   /// Rewinds the cursor; the argument is not used.
   void setOffset(int offset);
-  /// Frees the image and rewinds the cursor. The mark below stays.
+  /// What keeps the image, for one who uses pointers into it beyond the next load or clear.
+  std::shared_ptr<const void> keeper() const { return data_; }
+  /// Drops the image and rewinds the cursor. The mark below stays.
   void clearModelData();
 
   /// Whether the file is a half-precision model. Nothing in the file says so: its path does.
@@ -30,7 +31,7 @@ class Model {
   bool nbModel_ = false;
   unsigned int offset_ = 0;
   size_t size_ = 0;
-  std::unique_ptr<char, decltype(&std::free)> data_{nullptr, std::free};
+  std::shared_ptr<char> data_;
 
   bool allocate(size_t size);
 };

@@ -25,8 +25,9 @@ class Net {
   Net& operator=(const Net&) = delete;
 
   // Construction (net_build.cpp)
-  int buildInferenceNet(std::shared_ptr<Model> model);
-  int parserModel(std::shared_ptr<Model> model);
+  /// `alone`: nobody else reads the model's image. Then a CPU network keeps it, and its weights where they are in it.
+  int buildInferenceNet(std::shared_ptr<Model> model, bool alone = false);
+  int parserModel(std::shared_ptr<Model> model, bool alone = false);
   std::vector<std::shared_ptr<Layer>> getLayers() const { return layers_; }
   unsigned int getLayerCout() const { return layerCount_; }
   /// Records that the weights of a half-precision model could not be read.
@@ -70,6 +71,7 @@ class Net {
   unsigned int layerCount_ = 0;
   bool nbDataError_ = false;
   State state_ = State::kEmpty;
+  std::shared_ptr<const void> image_;  // that the layers' weights are views of; null where they are copies
   std::vector<std::shared_ptr<Layer>> layers_;
   std::unordered_map<std::string, size_t> producers_;  // position of the first layer with that top name
   std::vector<std::vector<Layer*>> bottomLayers_;      // per layer, the producer of each bottom

@@ -17,11 +17,11 @@ Net::~Net() {
   for (std::shared_ptr<Layer>& layer : layers_) layer.reset();
 }
 
-int Net::buildInferenceNet(std::shared_ptr<Model> model) {
-  return parserModel(std::move(model)) == 0 ? 0 : fail("parser Model error");
+int Net::buildInferenceNet(std::shared_ptr<Model> model, bool alone) {
+  return parserModel(std::move(model), alone) == 0 ? 0 : fail("parser Model error");
 }
 
-int Net::parserModel(std::shared_ptr<Model> model) {
+int Net::parserModel(std::shared_ptr<Model> model, bool alone) {
   model->setOffset(0);
   char const* bytes = nullptr;
   if (model->getDataPtr(sizeof(NetDescriptor), bytes) != 0) return fail("Failed to get net descriptor buffer");
@@ -33,8 +33,13 @@ int Net::parserModel(std::shared_ptr<Model> model) {
     return -1;
   }
   name_ = descriptor.name;
+  LoadMode mode = model->isNbModel() ? LOAD_NB : LOAD_FULL;
+  if (alone && mode == LOAD_FULL && context_->getDeviceType() == CORVALITH_CPU) {
+    mode = LOAD_VIEW;
+    image_ = model->keeper();
+  }
   for (size_t i = 0; i < layerCount_; ++i) {
-    if (parseLayer(*model, i, model->isNbModel() ? LOAD_NB : LOAD_FULL) != 0) return -1;
+    if (parseLayer(*model, i, mode) != 0) return -1;
   }
   if (model->isNbModel()) {
     thread1(this);

@@ -169,5 +169,28 @@ TEST(Block, HoldsFloatsOnTheCpuButNoBlobs) {
             (std::vector<std::string>{"E/block CorvalithMalloc failed", "E/input buffer err", "E/output buffer err"}));
 }
 
+TEST(Block, AViewIsNotItsOwnUntilItIsReplaced) {
+  CountingDevice device;
+  Context context(&device, CORVALITH_FP32);
+  std::vector<float> values(6, 1);
+  {
+    const Block view(Shape{1, 2, 3, 1}, &context, Block::View{values.data()});
+    EXPECT_TRUE(view.isView());
+    EXPECT_EQ(floats(&view), values.data());
+    Block given(Shape{1, 2, 3, 1}, &context, Block::View{values.data()});
+    given.release();
+    EXPECT_EQ(given.getData(), nullptr);
+    EXPECT_EQ(device.allocations, 0);
+    Block grown(Shape{1, 2, 3, 1}, &context, Block::View{values.data()});
+    EXPECT_EQ(grown.reshape(1, 2, 3, 2), 0);
+    EXPECT_FALSE(grown.isView());
+    EXPECT_EQ(device.live.size(), 1u);
+    LogCapture log;
+    EXPECT_EQ(Block(Shape{16, 1 << 28, 1, 1}, &context, Block::View{values.data()}).getData(), nullptr);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"E/block CorvalithMalloc failed"}));
+  }
+  EXPECT_TRUE(device.live.empty());
+}
+
 }  // namespace
 }  // namespace corvalith

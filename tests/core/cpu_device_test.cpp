@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -18,6 +19,18 @@ namespace {
 using corvalith::testing::LogCapture;
 using corvalith::testing::TempDir;
 
+/// Whether so many bytes of the memory, and fewer than `below`, can be used. AddressSanitizer tells, as then the memory
+/// is malloc's; elsewhere it is only written to.
+void expectSize(void* mem, size_t least, size_t below) {
+#if defined(__SANITIZE_ADDRESS__)
+  EXPECT_GE(malloc_usable_size(mem), least);
+  EXPECT_LT(malloc_usable_size(mem), below);
+#else
+  static_cast<void>(below);
+#endif
+  std::memset(mem, 1, least);
+}
+
 TEST(CpuDevice, AllocatesByTypeName) {
   CPUDevice device;
   for (const auto& [typeName, least, below] : {std::tuple<const char*, size_t, size_t>{"bool", 1000, 2000},
@@ -26,12 +39,13 @@ TEST(CpuDevice, AllocatesByTypeName) {
                                                {"other", 4000, 5000}}) {
     void* mem = device.CorvalithMalloc(1000, typeName);
     ASSERT_NE(mem, nullptr);
-    EXPECT_GE(malloc_usable_size(mem), least) << typeName;
-    EXPECT_LT(malloc_usable_size(mem), below) << typeName;
+    const ::testing::ScopedTrace type(__FILE__, __LINE__, typeName);
+    expectSize(mem, least, below);
     device.CorvalithRelease(mem);
   }
   void* raw = device.CorvalithMalloc(1000, CORVALITH_RAW);  // four bytes whatever the type
-  EXPECT_GE(malloc_usable_size(raw), 4000u);
+  ASSERT_NE(raw, nullptr);
+  expectSize(raw, 4000, 5000);
   device.CorvalithRelease(raw);
   device.CorvalithRelease(nullptr);
 }

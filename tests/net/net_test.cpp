@@ -154,6 +154,61 @@ TEST(NetBuild, OneImageGivesIndependentNetworks) {
   EXPECT_EQ(out[1], 5);
 }
 
+tools::ModelLayer convLayer(const std::string& name, const std::string& bottom, int channels, int outputs, int kernel,
+                            int group) {
+  ConvParam conv{};
+  conv.num_output = outputs;
+  conv.kernel_h = conv.kernel_w = kernel;
+  conv.pad_h = conv.pad_w = kernel / 2;
+  conv.stride_h = conv.stride_w = 1;
+  conv.group = group;
+  tools::ModelLayer made = layer("Conv", name, {bottom}, conv);
+  for (int i = 0; i < outputs * channels / group * kernel * kernel; ++i) {
+    made.weights.push_back(static_cast<float>(i * 37 % 101 - 50) / 64);
+  }
+  for (int i = 0; i < outputs; ++i) made.biases.push_back(static_cast<float>(i % 7));
+  return made;
+}
+
+// Sums of the same values in the same order, wherever the weights are: as a product, by Winograd, depthwise, transposed
+// and fully connected; with few outputs, too, and records that begin at odd addresses.
+TEST(NetBuild, AloneANetworkComputesTheSameFromTheImageItself) {
+  tools::ModelLayer deconv = convLayer("deconv", "depthwise", 20, 20, 3, 1);
+  deconv.type = "Deconv";
+  tools::ModelLayer fc = layer("FC", "fc", {"deconv"}, FCParam{21});
+  for (int i = 0; i < 21 * 20 * 36; ++i) fc.weights.push_back(static_cast<float>(i * 31 % 97 - 48) / 256);
+  for (int i = 0; i < 21; ++i) fc.biases.push_back(static_cast<float>(i));
+  std::vector<tools::ModelLayer> layers = {inputLayer("data", {1, 3, 6, 6}),
+                                           convLayer("few", "data", 3, 5, 5, 1),
+                                           convLayer("product", "few", 5, 20, 5, 1),
+                                           convLayer("groups", "product", 20, 22, 1, 2),
+                                           convLayer("winograd", "groups", 22, 20, 3, 1),
+                                           convLayer("depthwise", "winograd", 20, 20, 5, 20),
+                                           deconv,
+                                           fc};
+  const auto outputs = [&](bool alone) {
+    BareNet bare;
+    const auto model = modelOf(tools::modelBytes("net", layers));
+    EXPECT_EQ(bare.net.buildInferenceNet(model, alone), 0);
+    model->clearModelData();  // the network keeps what it needs
+    EXPECT_EQ(bare.net.createGraph(), 0);
+    EXPECT_EQ(bare.net.initInferenceNet(), 0);
+    std::vector<float> all;
+    for (const int batch : {1, 3}) {
+      std::vector<float> in(static_cast<size_t>(batch) * 3 * 36), out(static_cast<size_t>(batch) * 21);
+      for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i % 11) - 5;
+      EXPECT_EQ(bare.net.setInput(in.data(), batch, 3, 6, 6, "data"), 0);
+      EXPECT_EQ(bare.net.forward(true), 0);
+      EXPECT_EQ(bare.net.getNetOutput(out.data(), static_cast<int>(out.size())), 0);
+      all.insert(all.end(), out.begin(), out.end());
+    }
+    return all;
+  };
+  const std::vector<float> copied = outputs(false);
+  EXPECT_NE(copied.front(), copied.back());
+  EXPECT_EQ(outputs(true), copied);
+}
+
 // Converted weights have no place on a CPU device.
 TEST(NetBuild, AHalfPrecisionModelDoesNotInitialiseOnTheCpu) {
   ConvParam conv;

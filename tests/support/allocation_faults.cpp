@@ -7,13 +7,20 @@
 #include <new>
 
 // The linker's --wrap option sends the program's calls of malloc and free to __wrap_..., and __real_... to the C
-// library's; it works under sanitizers, which replace these functions themselves.
+// library's; it works under sanitizers, which replace these functions themselves. The engine's own memory is wrapped
+// likewise, by its function's linker name: it may come from the system in larger regions.
 extern "C" {
 // NOLINTBEGIN(readability-identifier-naming): the linker's names
 void* __real_malloc(size_t size);
 void __real_free(void* memory);
 void* __wrap_malloc(size_t size);
 void __wrap_free(void* memory);
+// Only counted: what the engine takes it for may fail already.
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size);
+// corvalith::allocateBytes
+void* __real__ZN9corvalith13allocateBytesEm(size_t size);
+void* __wrap__ZN9corvalith13allocateBytesEm(size_t size);
 // NOLINTEND(readability-identifier-naming)
 }
 
@@ -32,6 +39,8 @@ bool fails(size_t size) {
   const long before = left.fetch_sub(1);
   return before == 0 || (before < 0 && lasting);
 }
+
+bool mallocRefuses(size_t size) { return mallocFails ? fails(size) : size > largest.load(std::memory_order_relaxed); }
 
 void* allocate(size_t size) {
   void* memory = __real_malloc(size > 0 ? size : 1);
@@ -72,12 +81,21 @@ long liveAllocations() { return live.load(); }
 }  // namespace corvalith::testing
 
 void* __wrap_malloc(size_t size) {
-  const bool refused = mallocFails ? fails(size) : size > largest.load(std::memory_order_relaxed);
-  if (!refused) return allocate(size);
+  if (!mallocRefuses(size)) return allocate(size);
   errno = ENOMEM;
   return nullptr;
 }
 void __wrap_free(void* memory) { release(memory); }
+
+void* __wrap_calloc(size_t count, size_t size) {
+  void* memory = __real_calloc(count, size);
+  if (memory != nullptr) live.fetch_add(1, std::memory_order_relaxed);
+  return memory;
+}
+
+void* __wrap__ZN9corvalith13allocateBytesEm(size_t size) {
+  return mallocRefuses(size) ? nullptr : __real__ZN9corvalith13allocateBytesEm(size);
+}
 
 // All forms: a sanitizer's own would not match the ones replaced here.
 void* operator new(size_t size) { return newOrThrow(size); }
