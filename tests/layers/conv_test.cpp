@@ -28,6 +28,8 @@ std::vector<LayerCase> convCases() {
       convCase("fewer pixels and outputs than slots", 3, 2, {3, 3}, 1, {{{1, 3, 3, 3}}, {{2, 3, 3, 4}}}),
       convCase("one output size for two input sizes", 4, 3, {3, 3, 2, 2, 1, 1}, 1,
                {{{1, 4, 55, 55}}, {{1, 4, 56, 56}}, {{1, 4, 55, 56}}}),
+      convCase("depthwise, 5x5 and stride 2", 4, 4, {5, 5, 2, 2, 2, 2}, 4),
+      convCase("padded at the sides alone", 3, 5, {1, 3, 1, 1, 0, 1}),
       convCase("weights beyond one cache block", 64, 80, {3, 3, 1, 1, 1, 1}, 1, {{{1, 64, 6, 7}}}),
   };
   cases[12].halfTolerance = 5e-3;              // two outputs, both small beside what they are made of
