@@ -4,12 +4,15 @@
 #include "cpu/parallel.h"
 
 namespace corvalith {
+namespace {
 
 /// Whether the kernel shuffles the columns as it loads them, which costs less than having them sorted.
-static bool takesUnsortedColumns(const ConvParam& conv) {
+bool takesUnsortedColumns(const ConvParam& conv) {
   return conv.kernel_h == conv.kernel_w && (conv.kernel_h == 3 || conv.kernel_h == 5) && conv.stride_h == 2 &&
          conv.stride_w == 2;
 }
+
+}  // namespace
 
 void DirectConvolution::plan(const Shape& in, const Shape& out, const ConvParam& conv) {
   padded_ = paddedPlane(in, conv, static_cast<size_t>(out.h));
