@@ -167,9 +167,9 @@ int initialiseImpl(GPUDevice& device) {
 int dataNet(GPUDevice& device) {
   DataParam data;
   data.batch = data.channels = data.height = data.width = 1;
+  static const Tensor input{{1, 1, 1, 1}, {1}};  // the queue may read it until the device goes
   GPUContext context(&device, CORVALITH_FP16);
   BuiltNet net({layer("Data", "data", {}, data)}, context);
-  const Tensor input{{1, 1, 1, 1}, {1}};
   return net.status() != 0 ? net.status() : net.setInput("data", input);
 }
 
