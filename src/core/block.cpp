@@ -1,5 +1,6 @@
 #include "core/block.h"
 
+#include <cstring>
 #include <utility>
 
 #include "core/log.h"
@@ -57,11 +58,29 @@ Block::~Block() {
 void Block::release() {
   if (isView()) {
     if (data_ != nullptr) discardBytes(data_, static_cast<size_t>(count_) * sizeof(float));
-    kind_ = kPlain;  // what comes next is the block's own
-  } else if (data_ != nullptr) {
+  } else if (data_ != nullptr && kind_ != kGuest) {
     context_->CorvalithRelease(data_);
   }
+  if (kind_ == kView || kind_ == kGuest) kind_ = kPlain;  // what comes next is the block's own
   data_ = nullptr;
+}
+
+void Block::moveTo(float* place) {
+  if (data_ == place) return;
+  std::memcpy(place, data_, static_cast<size_t>(getSize()) * sizeof(float));
+  release();
+  data_ = place;
+  kind_ = kGuest;
+}
+
+int Block::leave() {
+  if (kind_ != kGuest) return 0;
+  void* own = context_->CorvalithMalloc(getSize(), type_);
+  if (own == nullptr) return fail("CorvalithMalloc fail");
+  std::memcpy(own, data_, static_cast<size_t>(getSize()) * sizeof(float));
+  data_ = own;
+  kind_ = kPlain;
+  return 0;
 }
 
 void* Block::getData() const { return data_; }

@@ -8,10 +8,10 @@
 
 namespace corvalith {
 
-/// A tensor in batch, channel, height, width order. It owns one memory handle of its context's device (views: none) and
-/// touches the memory only through the context, which must outlive it. Failed allocations are logged and leave a null
-/// handle: test getData() after construction. A shape with a negative dimension or more than kMaxBlockElements elements
-/// is a failed allocation.
+/// A tensor in batch, channel, height, width order. It owns one memory handle of its context's device (views and guests
+/// in another block's memory: none) and touches the memory only through the context, which must outlive it. Failed
+/// allocations are logged and leave a null handle: test getData() after construction. A shape with a negative dimension
+/// or more than kMaxBlockElements elements is a failed allocation.
 class Block {
  public:
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx);
@@ -54,6 +54,12 @@ class Block {
   int clear();
   /// Gives the memory back, a view's pages too; the shape stays.
   void release();
+  /// Makes the block a guest: moves its contents to memory that another block keeps, until leave() or a growing
+  /// reshape. On CPU contexts only.
+  void moveTo(float* place);
+  /// Moves a guest's contents back to memory of its own; does nothing for others. When there is no memory it returns -1
+  /// and the block stays.
+  int leave();
   /// Copies the whole tensor to getSize() host floats.
   int getCPUData(float* out) const;
   bool isLike(const Block* other) const { return shape() == other->shape(); }
@@ -62,7 +68,7 @@ class Block {
   int printTopData(std::string fileName) const;
 
  protected:
-  enum Kind { kTop = 0, kImpl = 2, kPlain = 3, kView = 4 };
+  enum Kind { kTop = 0, kImpl = 2, kPlain = 3, kView = 4, kGuest = 5 };
   Block(int n, int c, int h, int w, CORVALITH_DATATYPE type, Context* ctx, Kind kind, const char* failure);
 
  private:

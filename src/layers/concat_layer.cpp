@@ -104,6 +104,31 @@ class ConcatLayer final : public StandardLayer {
   ConcatLayer(CORVALITH_DATATYPE dataType, Context* context)
       : StandardLayer(kTraits, dataType, context, &param_, sizeof param_) {}
 
+  // Inputs that are joined whole, one behind the other, may lie in the top from the start: then nothing is copied.
+  bool holdInputs() override {
+    if (onGpu()) return false;
+    holdsInputs_ = true;
+    if (isJoinedWhole()) moveInputsIn();
+    return true;
+  }
+
+  // Inputs leave the top before their places in it change.
+  int reshape() override {
+    if (holdsInputs_ && !inputsInPlace()) {
+      for (Block* bottom : bottomBlocks_) {
+        if (bottom->leave() != 0) return fail(messages().reshapeFail);
+      }
+    }
+    return StandardLayer::reshape();
+  }
+
+  int forward() override {
+    if (holdsInputs_ && inputsInPlace()) return 0;
+    if (StandardLayer::forward() != 0) return -1;
+    if (holdsInputs_ && isJoinedWhole()) moveInputsIn();
+    return 0;
+  }
+
  protected:
   int bindBottoms(std::vector<Layer*> const& bottoms) override {
     if (bottoms.empty()) return fail(messages().bottomCount);
@@ -132,7 +157,32 @@ class ConcatLayer final : public StandardLayer {
   }
 
  private:
+  bool isJoinedWhole() const {
+    const Shape top = topBlocks_[0]->shape();
+    return top.n == 1 && (param_.axis != kRowAxis || top.c == 1);
+  }
+
+  bool inputsInPlace() {
+    Shape top;
+    if (topShape(top) != 0 || top != topBlocks_[0]->shape() || !isJoinedWhole()) return false;
+    const float* place = floats(topBlocks_[0]);
+    return std::all_of(bottomBlocks_.begin(), bottomBlocks_.end(), [&](const Block* bottom) {
+      const bool there = floats(bottom) == place;
+      place += bottom->getSize();
+      return there;
+    });
+  }
+
+  void moveInputsIn() {
+    float* place = floats(topBlocks_[0]);
+    for (Block* bottom : bottomBlocks_) {
+      bottom->moveTo(place);
+      place += bottom->getSize();
+    }
+  }
+
   ConcatParam param_;
+  bool holdsInputs_ = false;
 };
 
 CORVALITH_REGISTER_LAYER("Concat", ConcatLayer)

@@ -38,6 +38,10 @@ class Layer {
   virtual int forward() = 0;
   virtual int reshape() = 0;
 
+  /// Lets the layer keep its inputs within its output's memory: once it has run, nobody writes to any of them before
+  /// their producers run again. Most types have no use for it and return false.
+  virtual bool holdInputs() { return false; }
+
   std::string getName() const { return basicParam_.name; }
   std::string getTopName(int i) const { return basicParam_.tops[i]; }
   std::string getBottomName(int i) const { return basicParam_.bottoms[i]; }

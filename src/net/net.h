@@ -63,6 +63,7 @@ class Net {
 
   int parseLayer(Model& model, size_t index, LoadMode mode);
   int initLayers();
+  void shareMemory();
   BaseDataLayer* inputLayer(const char* layerName) const;
   int copyOutput(Block* block, float* out, int count, const char* copyFailure) const;
 

@@ -1,4 +1,7 @@
 // Connecting layers by the names of their tops and bottoms, and initialising them.
+#include <algorithm>
+#include <set>
+
 #include "core/log.h"
 #include "net/net.h"
 
@@ -80,7 +83,29 @@ int Net::initLayers() {
       return -1;
     }
   }
-  return nbDataError_ ? fail("thread read nb data wrong") : 0;
+  if (nbDataError_) return fail("thread read nb data wrong");
+  shareMemory();
+  return 0;
+}
+
+// A layer may hold its inputs within its top unless a later layer works in place on one of these blocks, or one of them
+// belongs to such a layer already.
+void Net::shareMemory() {
+  std::set<const Block*> shared;
+  std::set<const Block*> written;  // by later layers
+  for (size_t i = layers_.size(); i-- > 0;) {
+    const Block* top = layers_[i]->getTopData(layers_[i]->getTopName(0));
+    std::set<const Block*> blocks{top};
+    for (size_t j = 0; j < bottomLayers_[i].size(); ++j) {
+      blocks.insert(bottomLayers_[i][j]->getTopData(bottomNames_[i][j]));
+    }
+    const auto isFree = [&](const Block* block) { return shared.count(block) == 0 && written.count(block) == 0; };
+    const bool distinct = blocks.size() == bottomLayers_[i].size() + 1;
+    if (distinct && std::all_of(blocks.begin(), blocks.end(), isFree) && layers_[i]->holdInputs()) {
+      shared.insert(blocks.begin(), blocks.end());
+    }
+    written.insert(top);
+  }
 }
 
 }  // namespace corvalith

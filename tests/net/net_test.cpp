@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
+#include "tests/support/allocation_faults.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_net.h"
 
@@ -264,6 +267,105 @@ TEST(NetGraph, AReusedNameKeepsItsFirstBlock) {
   ASSERT_EQ(net.setInput("data", {{1, 1, 1, 1}, {3}}), 0);
   ASSERT_EQ(net.run(), 0);
   EXPECT_EQ(net.output("out").values, std::vector<float>{3});
+}
+
+/// What a network of inputs, "Power", in-place "ReLU" and channel-wise "Concat" layers of one image computes.
+std::map<std::string, std::vector<float>> expectedTops(const std::vector<tools::ModelLayer>& layers,
+                                                       const std::map<std::string, Tensor>& inputs) {
+  std::map<std::string, std::vector<float>> tops;
+  for (const tools::ModelLayer& made : layers) {
+    std::vector<float> y;
+    for (const std::string& bottom : made.bottoms) y.insert(y.end(), tops[bottom].begin(), tops[bottom].end());
+    for (float& value : y) {
+      if (made.type == "Power") value = value * made.specialAs<PowerParam>().scale + made.specialAs<PowerParam>().shift;
+      if (made.type == "ReLU") value = std::max(value, 0.0f);
+    }
+    tops[made.tops[0]] = made.bottoms.empty() ? inputs.at(made.name).values : y;
+  }
+  return tops;
+}
+
+TEST(NetMemory, InputsOfAConcatLieInItsOutputWhereNobodySeesIt) {
+  const auto concat = [](const std::string& name, std::vector<std::string> bottoms) {
+    return layer("Concat", name, std::move(bottoms), ConcatParam{1});
+  };
+  const std::vector<tools::ModelLayer> start = {inputLayer("x", {1, 3, 2, 3}), inputLayer("y", {1, 2, 2, 3}),
+                                                power("p", "x", 2, 1), power("q", "y", -1, 3), power("r", "x", 3, 0)};
+  const struct {
+    const char* name;
+    std::vector<tools::ModelLayer> layers;
+    bool shared;  // "p" lies in "j"
+  } cases[] = {
+      {"in the order of the layers", {concat("j", {"p", "q", "r"}), power("out", "j", 2, 0)}, true},
+      {"in another order", {concat("j", {"r", "q", "p"}), power("out", "j", 2, 0)}, true},
+      {"changed in place before", {inPlace(layer("ReLU", "relu", {"p"})), concat("j", {"q", "p"})}, true},
+      {"changed in place after", {concat("j", {"q", "p"}), inPlace(layer("ReLU", "relu", {"p"}))}, false},
+      {"the output is changed in place", {concat("j", {"q", "p"}), inPlace(layer("ReLU", "relu", {"j"}))}, false},
+      {"one input twice", {concat("j", {"p", "q", "p"})}, false},
+      {"two that share an input", {concat("other", {"p", "q"}), concat("j", {"r", "p"})}, true},
+      {"one in another", {concat("inner", {"p", "q"}), concat("j", {"r", "inner"})}, false},
+      {"an input of the network", {concat("j", {"x", "p"})}, true},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    std::vector<tools::ModelLayer> layers = start;
+    layers.insert(layers.end(), test.layers.begin(), test.layers.end());
+    TestNet net(layers);
+    ASSERT_EQ(net.status(), 0);
+    // Both grow, both shrink, one takes channels from the other, one grows alone.
+    const Shape shapes[][2] = {{{1, 3, 2, 3}, {1, 2, 2, 3}}, {{1, 3, 5, 7}, {1, 2, 5, 7}},
+                               {{1, 3, 1, 3}, {1, 2, 1, 3}}, {{1, 2, 1, 3}, {1, 3, 1, 3}},
+                               {{1, 4, 1, 3}, {1, 1, 1, 3}}, {{1, 4, 1, 3}, {1, 9, 1, 3}}};
+    for (const auto& [x, y] : shapes) {
+      for (const uint32_t seed : {1u, 2u}) {
+        const std::map<std::string, Tensor> inputs = {{"x", noise(x, seed)}, {"y", noise(y, seed + 2)}};
+        for (const auto& [name, tensor] : inputs) ASSERT_EQ(net.setInput(name, tensor), 0);
+        ASSERT_EQ(net.run(), 0);
+        for (const auto& [top, values] : expectedTops(layers, inputs)) {
+          EXPECT_EQ(net.output(top).values, values) << top << " at " << x.c << "x" << x.h << "x" << x.w;
+        }
+      }
+    }
+    const Block* joined = net.net.getLayerFromTopName("j")->getTopData("j");
+    const float* p = floats(net.net.getLayerFromTopName("p")->getTopData("p"));
+    EXPECT_EQ(p >= floats(joined) && p < floats(joined) + joined->getSize(), test.shared);
+    // Two images are joined in turn, so that nothing can lie in the output; then one again.
+    const auto runBatch = [&](int images) {
+      for (const char* name : {"x", "y"}) EXPECT_EQ(net.setInput(name, noise({images, 2, 3, 3}, 5)), 0);
+      EXPECT_EQ(net.run(), 0);
+      return std::vector<Tensor>{net.output("p"), net.output("j")};
+    };
+    const std::vector<Tensor> one = runBatch(1), two = runBatch(2), again = runBatch(1);
+    for (size_t i = 0; i < one.size(); ++i) {
+      EXPECT_EQ(one[i].values, again[i].values);
+      EXPECT_TRUE(std::equal(one[i].values.begin(), one[i].values.end(), two[i].values.begin()));
+    }
+  }
+}
+
+TEST(NetMemory, AConcatThatFindsNoMemoryForALargerImageRunsOn) {
+  TestNet net({inputLayer("x", {1, 3, 2, 3}), inputLayer("y", {1, 2, 2, 3}), power("p", "x", 2, 1),
+               power("q", "y", -1, 3), layer("Concat", "j", {"p", "q"}, ConcatParam{1})});
+  ASSERT_EQ(net.status(), 0);
+  const Tensor x = noise({1, 3, 2, 3}, 1), small = noise({1, 2, 2, 3}, 2), large = noise({1, 4, 2, 3}, 3);
+  const auto run = [&](const Tensor& y) {
+    return net.setInput("x", x) == 0 && net.setInput("y", y) == 0 && net.run() == 0 ? net.output("j").values
+                                                                                    : std::vector<float>();
+  };
+  const std::vector<float> want = run(small);
+  bool failing = true;
+  for (long number = 0; failing && number < 100; ++number) {
+    try {
+      const AllocationFault fault(number, AllocationFault::kNewAndMalloc);
+      run(large);
+      failing = fault.happened();
+    } catch (const std::bad_alloc&) {
+    }
+    EXPECT_EQ(run(small), want);
+    EXPECT_EQ(run(large).size(), 7u * 6);
+    EXPECT_EQ(run(small), want);
+  }
+  EXPECT_FALSE(failing);
 }
 
 TEST(NetGraph, RefusesInputsThatNoEarlierLayerMakes) {
