@@ -7,20 +7,23 @@
 namespace corvalith {
 namespace {
 
-/// Calls row(windows, output row) for every row of windows of a slot's planes.
-template <class ThreadParam, class Row>
-void forEachRow(const ThreadParam& p, Row row) {
+/// Calls run(windows, first output row) for every row of windows of a slot's planes; those within a plane come
+/// together.
+template <class ThreadParam, class Run>
+void forEachRun(const ThreadParam& p, Run run) {
   const size_t width = static_cast<size_t>(p.columns.size), plane = static_cast<size_t>(p.rows.size) * width;
   const size_t outWidth = static_cast<size_t>(p.outWidth), outPlane = static_cast<size_t>(p.outHeight) * outWidth;
+  const int64_t begin = p.rows.beginInside(), end = std::min<int64_t>(p.rows.endInside(), p.outHeight);
   for (size_t i = static_cast<size_t>(p.first); i < static_cast<size_t>(p.end); ++i) {
-    for (int outRow = 0; outRow < p.outHeight; ++outRow) {
-      const size_t height = p.rows.count(outRow);
+    for (int64_t row = 0, next; row < p.outHeight; row = next) {
+      next = row == begin && begin < end ? end : row + 1;
+      const size_t height = p.rows.count(row);
       const float* x = p.x + i * plane;
-      row(PoolRow{height > 0 ? x + static_cast<size_t>(p.rows.first(outRow)) * width : x, width, height, width,
-                  static_cast<size_t>(p.columns.kernel), static_cast<size_t>(p.columns.stride),
-                  static_cast<size_t>(p.columns.pad), p.y + i * outPlane + static_cast<size_t>(outRow) * outWidth,
-                  outWidth},
-          outRow);
+      run(PoolRows{height > 0 ? x + static_cast<size_t>(p.rows.first(row)) * width : x, width, height, width,
+                   static_cast<size_t>(p.columns.kernel), static_cast<size_t>(p.columns.stride),
+                   static_cast<size_t>(p.columns.pad), p.y + i * outPlane + static_cast<size_t>(row) * outWidth,
+                   outWidth, static_cast<size_t>(next - row), static_cast<size_t>(p.rows.stride) * width},
+          row);
     }
   }
 }
@@ -41,8 +44,8 @@ int PoolCPU::spread(Blocks const& bottoms, Blocks const& tops, const void* param
 }
 
 void* MaxPoolCPUImpl::maxPoolThreadFun(void* record) {
-  forEachRow(*static_cast<const ThreadParam*>(record),
-             [](const PoolRow& windows, int) { cpuKernels().maxPoolRow(windows); });
+  forEachRun(*static_cast<const ThreadParam*>(record),
+             [](const PoolRows& windows, int64_t) { cpuKernels().maxPoolRows(windows); });
   return nullptr;
 }
 
@@ -52,10 +55,13 @@ int MaxPoolCPUImpl::forward(Blocks const& bottoms, Blocks const& tops, void* par
 
 void* AvePoolCPUImpl::avePoolThreadFun(void* record) {
   const ThreadParam& p = *static_cast<const ThreadParam*>(record);
-  forEachRow(p, [&](const PoolRow& windows, int row) {
-    cpuKernels().sumPoolRow(windows);
-    const int64_t height = p.rows.extent(row);
-    for (int i = 0; i < p.outWidth; ++i) windows.y[i] /= static_cast<float>(height * p.columns.extent(i));
+  forEachRun(p, [&](const PoolRows& windows, int64_t row) {
+    cpuKernels().sumPoolRows(windows);
+    float* y = windows.y;
+    for (size_t r = 0; r < windows.count; ++r, ++row) {
+      const int64_t height = p.rows.extent(row);
+      for (int i = 0; i < p.outWidth; ++i) *y++ /= static_cast<float>(height * p.columns.extent(i));
+    }
   });
   return nullptr;
 }

@@ -19,6 +19,9 @@ struct PoolAxis {
   /// Cells between the window's start and its end or the padding's, whichever comes first; negative when it begins
   /// behind the padding.
   int64_t extent(int64_t window) const { return std::min(kernel, size + pad - start(window)); }
+  /// The windows that lie within the plane; the end may be before the beginning.
+  int64_t beginInside() const { return (pad + stride - 1) / stride; }
+  int64_t endInside() const { return size + pad < kernel ? 0 : (size + pad - kernel) / stride + 1; }
   /// The cells that are read: `first` and `count`.
   int64_t first(int64_t window) const { return std::max<int64_t>(start(window), 0); }
   size_t count(int64_t window) const {

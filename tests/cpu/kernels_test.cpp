@@ -286,8 +286,8 @@ TEST_P(KernelsTest, PoolRows) {
             const std::vector<float> clean = noise(rows * width, 5), dirty = values(rows * width, 5);
             std::vector<float> maxima(n), sums(n), wantMaxima(n, -999999.9f);
             std::vector<double> wantSums(n);
-            k.maxPoolRow({dirty.data(), width, rows, width, columns, stride, padding, maxima.data(), n});
-            k.sumPoolRow({clean.data(), width, rows, width, columns, stride, padding, sums.data(), n});
+            k.maxPoolRows({dirty.data(), width, rows, width, columns, stride, padding, maxima.data(), n, 1, 0});
+            k.sumPoolRows({clean.data(), width, rows, width, columns, stride, padding, sums.data(), n, 1, 0});
             for (size_t i = 0; i < n; ++i) {
               for (size_t c = i * stride; c < i * stride + columns; ++c) {
                 if (c < padding || c - padding >= width) continue;

@@ -62,14 +62,15 @@ struct PlaneConvolution {
   size_t outHeight, outWidth;
 };
 
-/// A row of n pooling windows: y[i] reduces columns i * stride - padding to i * stride - padding + `columns` of the
-/// rows, as far as they are within the plane.
-struct PoolRow {
+/// Rows of n pooling windows: y[i] reduces columns i * stride - padding to i * stride - padding + `columns` of the rows
+/// that its row of windows covers, as far as they are within the plane.
+struct PoolRows {
   const float* x;  // column 0 of the first row that is within the plane; rows are rowStride apart
   size_t rowStride, rows, width;
   size_t columns, stride, padding;
   float* y;
   size_t n;
+  size_t count, step;  // rows of windows that cover as many rows each, and from one's x to the next one's
 };
 
 /// The Winograd algorithm F(TxT, 3x3): tiles of T x T outputs come from S x S inputs, S = T + 2.
@@ -90,7 +91,7 @@ struct WinogradKernels {
 
 /// One build of all inner loops. Pointers need no alignment beyond a float's; ranges may be empty; in and out may be
 /// the same range where both have one length. A NaN is never greater than anything, so it becomes 0 in `relu`. An
-/// output has the same bits wherever it stands in a range, so work may be split anywhere (sumPoolRow alone is an
+/// output has the same bits wherever it stands in a range, so work may be split anywhere (sumPoolRows alone is an
 /// exception).
 struct CpuKernels {
   const char* name;  // instruction set
@@ -130,8 +131,8 @@ struct CpuKernels {
   void (*convolvePlane)(const PlaneConvolution& p);
 
   /// The maximum starts at -999999.9, which a window outside the plane leaves, and ignores NaNs.
-  void (*maxPoolRow)(const PoolRow& row);
-  void (*sumPoolRow)(const PoolRow& row);
+  void (*maxPoolRows)(const PoolRows& p);
+  void (*sumPoolRows)(const PoolRows& p);
 
   /// y = last + factor * entering^2 - factor * leaving^2; `entering` and `leaving` may be null, `last` may be y.
   void (*slideSquares)(const float* last, const float* entering, const float* leaving, float* y, size_t n,

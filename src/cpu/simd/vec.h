@@ -201,6 +201,22 @@ CORVALITH_INLINE V everyOther(V low, V high) {
 #endif
 }
 
+/// The values of odd places of those that begin with `low` and go on with `high`.
+CORVALITH_INLINE V oddOnes(V low, V high) {
+#if defined(__AVX2__)
+  return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(3, 1, 3, 1));
+#else
+  return __builtin_shufflevector(low, high, 1, 3, 5, 7);
+#endif
+}
+CORVALITH_INLINE V evenOnes(V low, V high) {
+#if defined(__AVX2__)
+  return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0));
+#else
+  return __builtin_shufflevector(low, high, 0, 2, 4, 6);
+#endif
+}
+
 template <int STRIDE>
 CORVALITH_INLINE V loadStrided(const float* p) {
   static_assert(STRIDE == 1 || STRIDE == 2);
