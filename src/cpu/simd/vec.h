@@ -209,6 +209,8 @@ CORVALITH_INLINE V oddOnes(V low, V high) {
   return __builtin_shufflevector(low, high, 1, 3, 5, 7);
 #endif
 }
+
+/// Those of even places.
 CORVALITH_INLINE V evenOnes(V low, V high) {
 #if defined(__AVX2__)
   return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0));
