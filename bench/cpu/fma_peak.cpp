@@ -1,45 +1,21 @@
 // Prints how many GFLOP/s fused multiply-adds on registers reach, on as many threads as are given: what any engine's
-// arithmetic on vectors of this size is bounded by. Usage: fma_peak [THREADS]
+// arithmetic is bounded by. Usage: fma_peak [THREADS]
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <thread>
 #include <vector>
 
+double chainsOfLongVectors();
+double chainsOfVectors();
+
 namespace {
 
-#ifdef __AVX2__
-constexpr int kLanes = 8;
-constexpr int kChains = 12;  // more than two units times their latency of 4 or 5; with the factors, 14 of 16 registers
-#else
-constexpr int kLanes = 4;
-constexpr int kChains = 24;  // of 32 registers
-#endif
-typedef float Vector __attribute__((vector_size(kLanes * sizeof(float))));
-
-double cpuSeconds() {
-  timespec t;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
-
-/// The best of a few stretches of about 20 ms, of this thread's own time.
 double gigaflops() {
-  constexpr long kSteps = 2000000;
-  double best = 0;
-  for (int stretch = 0; stretch < 10; ++stretch) {
-    Vector factor = Vector{} + 0.5f, addend = Vector{} + 1.0f, sums[kChains] = {};
-    asm volatile("" : "+m"(factor), "+m"(addend));  // unknown to the compiler; the sums approach 2
-    const double start = cpuSeconds();
-    for (long step = 0; step < kSteps; ++step) {
-      for (Vector& sum : sums) sum = sum * factor + addend;
-    }
-    const double seconds = cpuSeconds() - start;
-    for (Vector& sum : sums) asm volatile("" ::"m"(sum));
-    best = std::max(best, 2e-9 * kLanes * kChains * kSteps / seconds);
-  }
-  return best;
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) return chainsOfLongVectors();
+#endif
+  return chainsOfVectors();
 }
 
 }  // namespace

@@ -6,15 +6,18 @@
 namespace corvalith {
 namespace {
 
-/// Whether the kernel shuffles the columns as it loads them, which costs less than having them sorted.
-bool takesUnsortedColumns(const ConvParam& conv) {
-  return conv.kernel_h == conv.kernel_w && (conv.kernel_h == 3 || conv.kernel_h == 5) && conv.stride_h == 2 &&
-         conv.stride_w == 2;
+bool isSquare(const ConvParam& conv) {
+  return conv.kernel_h == conv.kernel_w && (conv.kernel_h == 3 || conv.kernel_h == 5) &&
+         conv.stride_h == conv.stride_w && conv.stride_h <= 2;
 }
+
+/// Whether the kernel shuffles the columns as it loads them, which costs less than having them sorted.
+bool takesUnsortedColumns(const ConvParam& conv) { return isSquare(conv) && conv.stride_h == 2; }
 
 }  // namespace
 
 void DirectConvolution::plan(const Shape& in, const Shape& out, const ConvParam& conv) {
+  unpadded_ = cpuKernels().convolveUnpadded != nullptr && isSquare(conv);
   padded_ = paddedPlane(in, conv, static_cast<size_t>(out.h));
   if (takesUnsortedColumns(conv)) padded_.layout = {1, padded_.layout.pitch, padded_.layout.pitch, 2};
   conv_ = conv;
@@ -41,16 +44,25 @@ void* DirectConvolution::threadFun(void* record) {
                             work.relu,
                             nullptr,
                             static_cast<size_t>(out.h),
-                            static_cast<size_t>(out.w)};
+                            static_cast<size_t>(out.w),
+                            padded.inHeight,
+                            padded.inWidth,
+                            padded.top,
+                            padded.left};
+  const bool unpadded = work.plan->unpadded_;
+  if (unpadded) plane.layout.pitch = padded.inPitch;
   for (int i = work.first; i < work.end; ++i) {
     const size_t output = static_cast<size_t>(i % out.c);
-    if (i == work.first || i % perChannel == 0) {
-      cpuKernels().padPlane(padded, work.x + static_cast<size_t>(i / perChannel) * inPlane, work.scratch);
+    const float* x = work.x + static_cast<size_t>(i / perChannel) * inPlane;
+    if (unpadded) {
+      plane.x = x;
+    } else if (i == work.first || i % perChannel == 0) {
+      cpuKernels().padPlane(padded, x, work.scratch);
     }
     plane.weights = work.weights + output * taps;
     plane.bias = work.bias[output];
     plane.y = work.y + static_cast<size_t>(i) * plane.outHeight * plane.outWidth;
-    cpuKernels().convolvePlane(plane);
+    (unpadded ? cpuKernels().convolveUnpadded : cpuKernels().convolvePlane)(plane);
   }
   return nullptr;
 }

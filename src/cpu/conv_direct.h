@@ -9,7 +9,8 @@
 namespace corvalith {
 
 /// Serves the convolution classes where unfolding or transforming does not pay. Output planes are spread over the
-/// slots, each of which pads one input plane at a time into its part of the scratch memory.
+/// slots, each of which pads one input plane at a time into its part of the scratch memory, unless it reads them where
+/// they are.
 class DirectConvolution {
  public:
   static bool suits(const Shape& in, const ConvParam& conv) { return in.c == conv.group; }
@@ -32,6 +33,7 @@ class DirectConvolution {
   };
   static void* threadFun(void* record);
 
+  bool unpadded_ = false;  // the kernel does without zeros around the planes
   PaddedPlane padded_;
   ConvParam conv_;
   Shape in_, out_;

@@ -22,12 +22,6 @@ class KernelsTest : public ::testing::TestWithParam<const CpuKernels*> {
   const CpuKernels& k = *GetParam();
 };
 
-std::vector<const CpuKernels*> builds() {
-  std::vector<const CpuKernels*> all = {&kBaseKernels};
-  if (&cpuKernels() != all[0]) all.push_back(&cpuKernels());
-  return all;
-}
-
 std::string nameOf(const ::testing::TestParamInfo<const CpuKernels*>& info) { return info.param->name; }
 
 /// Exactly n values, so that a sanitizer sees any access beyond them, with special ones among them.
@@ -276,6 +270,61 @@ TEST_P(KernelsTest, Convolutions3x3) {
   }
 }
 
+/// One channel with zeros around it, in double.
+std::vector<float> convolvePadded(const PlaneConvolution& p, bool relu) {
+  std::vector<float> y;
+  for (size_t row = 0; row < p.outHeight; ++row) {
+    for (size_t column = 0; column < p.outWidth; ++column) {
+      double sum = p.bias;
+      for (size_t i = 0; i < p.kernelHeight * p.kernelWidth; ++i) {
+        const size_t r = row * p.stride + i / p.kernelWidth - p.top;  // wraps above the plane
+        const size_t c = column * p.stride + i % p.kernelWidth - p.left;
+        if (r < p.inHeight && c < p.inWidth) sum += double{p.weights[i]} * p.x[r * p.layout.pitch + c];
+      }
+      y.push_back(relu && !(sum > 0) ? 0 : static_cast<float>(sum));
+    }
+  }
+  return y;
+}
+
+TEST_P(KernelsTest, ConvolutionsOfPlanesWithoutZeros) {
+  if (k.convolveUnpadded == nullptr) GTEST_SKIP() << "this instruction set does without";
+  const std::vector<float> weights = noise(25, 6);
+  for (const size_t kernel : {3, 5}) {
+    for (const size_t stride : {1, 2}) {
+      for (size_t i = 0; i < 3 * kMaxLength; ++i) {
+        const size_t width = i / 3 + 1, height = i % 11 + 1, top = i % (kernel + 2), left = i % (kernel + 1);
+        if (height + 2 * top < kernel || width + 2 * left < kernel) continue;
+        SCOPED_TRACE(std::to_string(kernel) + "x" + std::to_string(kernel) + ", stride " + std::to_string(stride) +
+                     ", plane " + std::to_string(height) + "x" + std::to_string(width));
+        const std::vector<float> x = noise(height * width, 7);
+        PlaneConvolution p = {x.data(),
+                              {1, width, width, stride},
+                              stride,
+                              kernel,
+                              kernel,
+                              weights.data(),
+                              0.25f,
+                              i % 2 == 0,
+                              nullptr,
+                              (height + 2 * top - kernel) / stride + 1,
+                              (width + 2 * left - kernel) / stride + 1,
+                              height,
+                              width,
+                              top,
+                              left};
+        const std::vector<float> want = convolvePadded(p, p.relu);
+        std::vector<float> y(want.size() + k.lanes, 7);
+        p.y = y.data();
+        k.convolveUnpadded(p);
+        for (size_t n = want.size(); n < y.size(); ++n) EXPECT_EQ(y[n], 7) << "behind the last row";
+        y.resize(want.size());
+        expectSame(y, want, 1e-5f);
+      }
+    }
+  }
+}
+
 TEST_P(KernelsTest, PoolRows) {
   for (size_t stride = 1; stride <= 4; ++stride) {
     for (const size_t columns : {1, 2, 3, 7, 18, 600}) {
@@ -405,7 +454,7 @@ TEST_P(KernelsTest, Transpose) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Builds, KernelsTest, ::testing::ValuesIn(builds()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Builds, KernelsTest, ::testing::ValuesIn(cpuKernelBuilds()), nameOf);
 
 }  // namespace
 }  // namespace corvalith::testing

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "cpu/simd/kernels.h"
 #include "tests/support/log_capture.h"
 
 namespace corvalith::testing {
@@ -82,29 +83,43 @@ bool sameBits(const Tensor& a, const Tensor& b) {
          std::memcmp(a.values.data(), b.values.data(), a.values.size() * sizeof(float)) == 0;
 }
 
+namespace {
+
+/// The first results of the steps.
+std::vector<Tensor> runOnCpu(const LayerCase& c, const std::vector<Expected>& expected, int slots) {
+  const std::vector<std::vector<Shape>> steps = stepsOf(c);
+  const std::string where = std::string(cpuKernels().name) + ", " + std::to_string(slots) + " slots";
+  std::vector<Tensor> results;
+  TestNet net(networkOf(c), slots);
+  EXPECT_EQ(net.status(), 0) << describe(c, steps[0], where);
+  for (size_t step = 0; step < steps.size() && !::testing::Test::HasFailure(); ++step) {
+    SCOPED_TRACE(describe(c, steps[step], where));
+    const std::vector<Tensor> inputs = inputsOf(c, steps[step]);
+    EXPECT_TRUE(feedAndRun(net, inputs));
+    results.push_back(net.output(outputName(c)));
+    compare(results.back(), expected[step], c.tolerance);
+    EXPECT_TRUE(feedAndRun(net, inputs));
+    EXPECT_TRUE(sameBits(net.output(outputName(c)), results.back())) << "a second run differs";
+  }
+  return results;
+}
+
+}  // namespace
+
 void runLayerCase(const LayerCase& c, const Reference& reference) {
   if (runLayerCaseOnGpu != nullptr) runLayerCaseOnGpu(c, reference);
-  const std::vector<std::vector<Shape>> steps = stepsOf(c);
-  std::vector<Tensor> oneSlot;
-  for (const int slots : {1, 3}) {
-    TestNet net(networkOf(c), slots);
-    ASSERT_EQ(net.status(), 0) << describe(c, steps[0], std::to_string(slots) + " slots");
-    for (size_t step = 0; step < steps.size(); ++step) {
-      SCOPED_TRACE(describe(c, steps[step], std::to_string(slots) + " slots"));
-      const std::vector<Tensor> inputs = inputsOf(c, steps[step]);
-      ASSERT_TRUE(feedAndRun(net, inputs));
-      const Tensor first = net.output(outputName(c));
-      compare(first, reference(c.layer, inputs), c.tolerance);
-      if (::testing::Test::HasFatalFailure()) return;
-      ASSERT_TRUE(feedAndRun(net, inputs));
-      EXPECT_TRUE(sameBits(net.output(outputName(c)), first)) << "a second run differs";
-      if (slots == 1) {
-        oneSlot.push_back(first);
-      } else {
-        EXPECT_TRUE(sameBits(oneSlot[step], first)) << "the number of slots changes the result";
-      }
+  std::vector<Expected> expected;
+  for (const std::vector<Shape>& sizes : stepsOf(c)) expected.push_back(reference(c.layer, inputsOf(c, sizes)));
+  const CpuKernels& usual = cpuKernels();
+  for (const CpuKernels* kernels : cpuKernelBuilds()) {
+    useCpuKernels(*kernels);
+    const std::vector<Tensor> oneSlot = runOnCpu(c, expected, 1), three = runOnCpu(c, expected, 3);
+    for (size_t step = 0; step < oneSlot.size() && step < three.size(); ++step) {
+      EXPECT_TRUE(sameBits(oneSlot[step], three[step]))
+          << describe(c, stepsOf(c)[step], kernels->name) << ": the number of slots changes the result";
     }
   }
+  useCpuKernels(usual);
 }
 
 void expectReshapeRefused(const LayerCase& c, const std::string& line) {

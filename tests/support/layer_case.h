@@ -31,10 +31,10 @@ struct Expected {
 };
 using Reference = std::function<Expected(const tools::ModelLayer& layer, const std::vector<Tensor>& inputs)>;
 
-/// Runs a case on the CPU with one slot and with three, and in programs with layer_case_gpu.cpp on the rig's GPUs in
-/// float and half: every size in order, then the first size again, each twice. Expects the reference's shape and values
-/// (a NaN where the reference has one), the same bits in both runs and for both numbers of slots. Failures name the
-/// case, its seed and the sizes.
+/// Runs a case on the CPU with every build of the inner loops that the processor runs, with one slot and with three,
+/// and in programs with layer_case_gpu.cpp on the rig's GPUs in float and half: every size in order, then the first
+/// size again, each twice. Expects the reference's shape and values (a NaN where the reference has one), the same bits
+/// in both runs and for both numbers of slots. Failures name the case, its seed and the sizes.
 void runLayerCase(const LayerCase& layerCase, const Reference& reference);
 
 // What both runners use.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 namespace corvalith {
 
@@ -60,6 +61,8 @@ struct PlaneConvolution {
   bool relu;
   float* y;
   size_t outHeight, outWidth;
+  // Of a plane that comes without its zeros: how many there would be, above it and before its rows.
+  size_t inHeight = 0, inWidth = 0, top = 0, left = 0;
 };
 
 /// Rows of n pooling windows: y[i] reduces columns i * stride - padding to i * stride - padding + `columns` of the rows
@@ -129,6 +132,9 @@ struct CpuKernels {
   /// Reads `lanes` outputs' values from each output's first one on. Columns that are not in the order of the stride are
   /// for kernels of 3 x 3 and 5 x 5 and a stride of 2 in both directions.
   void (*convolvePlane)(const PlaneConvolution& p);
+  /// The same of a plane without zeros around it, for kernels of 3 x 3 and 5 x 5 and a stride of 1 or 2 in both
+  /// directions. Null where the instruction set cannot leave out what is beyond a row.
+  void (*convolveUnpadded)(const PlaneConvolution& p);
 
   /// The maximum starts at -999999.9, which a window outside the plane leaves, and ignores NaNs.
   void (*maxPoolRows)(const PoolRows& p);
@@ -150,13 +156,18 @@ struct CpuKernels {
   void (*hyperbolicTangent)(const float* x, float* y, size_t n);  // within 1e-7 of the true one
 };
 
-/// The fastest build that this processor runs.
+/// The fastest build that this processor runs, unless another one was chosen.
 const CpuKernels& cpuKernels();
 
-/// The builds themselves; kAvx2Kernels must not be called on a processor without AVX2 and FMA.
+/// The builds that this processor runs, the fastest last.
+std::vector<const CpuKernels*> cpuKernelBuilds();
+/// For programs that link the engine's objects; networks that are built already must not run any more.
+void useCpuKernels(const CpuKernels& kernels);
+
+/// The builds themselves; cpuKernelBuilds says which may be called.
 extern const CpuKernels kBaseKernels;
 #if defined(__x86_64__)
-extern const CpuKernels kAvx2Kernels;
+extern const CpuKernels kAvx2Kernels, kAvx512Kernels;
 #endif
 
 }  // namespace corvalith

@@ -1,8 +1,9 @@
-// Vectors of W floats on the vector extensions of GCC and Clang: one source for NEON and SSE2 (4 lanes) and AVX2 (8).
+// Vectors of W floats on the vector extensions of GCC and Clang: one source for NEON and SSE2 (4 lanes), AVX2 (8) and
+// AVX-512 (16).
 //
 // Included by the kernel sources only, each compiled for another instruction set. Everything is in an unnamed namespace
 // on purpose: an inline function with external linkage would be emitted by each of those sources under one name, and
-// the linker might keep the AVX2 copy for processors without AVX2.
+// the linker might keep the AVX-512 copy for processors without AVX-512.
 #pragma once
 
 #include <cstddef>
@@ -19,14 +20,16 @@
 namespace corvalith {
 namespace {
 
-#if defined(__AVX2__)
+#if defined(__AVX512F__)
+constexpr int kLanes = 16;
+#elif defined(__AVX2__)
 constexpr int kLanes = 8;
 #else
 constexpr int kLanes = 4;
 #endif
 
 // Block of a matrix product whose sums fit the registers.
-#if defined(__aarch64__)
+#if defined(__aarch64__) || defined(__AVX512F__)
 constexpr int kPanelRows = 8, kPanelVectors = 3;  // 24 sums of 32 registers
 #else
 constexpr int kPanelRows = 6, kPanelVectors = 2;  // 12 sums of 16 registers
@@ -46,6 +49,12 @@ struct VecTypes<8> {
   typedef float Floats __attribute__((vector_size(32)));
   typedef int32_t Ints __attribute__((vector_size(32)));
   typedef uint32_t Bits __attribute__((vector_size(32)));
+};
+template <>
+struct VecTypes<16> {
+  typedef float Floats __attribute__((vector_size(64)));
+  typedef int32_t Ints __attribute__((vector_size(64)));
+  typedef uint32_t Bits __attribute__((vector_size(64)));
 };
 
 template <int W>
@@ -69,8 +78,15 @@ CORVALITH_INLINE void store(float* p, V v) {
   __builtin_memcpy(p, &v, sizeof v);
 }
 
+#if defined(__AVX512F__)
+CORVALITH_INLINE __mmask16 firstLanes(size_t count) { return static_cast<__mmask16>((1u << count) - 1); }
+#endif
+
 /// The first `count` lanes, fewer than all. Not inline: it stands behind rare branches of long kernels.
 __attribute__((noinline)) void storePart(float* p, V v, size_t count) {
+#if defined(__AVX512F__)
+  _mm512_mask_storeu_ps(p, firstLanes(count), v);
+#else
   float lanes[kLanes];
   store(lanes, v);
   size_t i = 0;
@@ -79,16 +95,24 @@ __attribute__((noinline)) void storePart(float* p, V v, size_t count) {
   }
   if ((count & 2) != 0) __builtin_memcpy(p + i, lanes + i, 2 * sizeof(float)), i += 2;
   if ((count & 1) != 0) p[i] = lanes[i];
+#endif
 }
 
 /// The first `count` lanes, or all.
 CORVALITH_INLINE void storeFront(float* p, V v, size_t count) {
+#if defined(__AVX512F__)
+  _mm512_mask_storeu_ps(p, firstLanes(count < kLanes ? count : kLanes), v);
+#else
   if (count < kLanes) return storePart(p, v, count);
   store(p, v);
+#endif
 }
 
 /// The first `count` lanes of memory, fewer than all; zeros in the others.
 CORVALITH_INLINE V loadFront(const float* p, size_t count) {
+#if defined(__AVX512F__)
+  return _mm512_maskz_loadu_ps(firstLanes(count), p);
+#else
   float lanes[kLanes] = {};
   size_t i = 0;
   if constexpr (kLanes == 8) {
@@ -97,6 +121,7 @@ CORVALITH_INLINE V loadFront(const float* p, size_t count) {
   if ((count & 2) != 0) __builtin_memcpy(lanes + i, p + i, 2 * sizeof(float)), i += 2;
   if ((count & 1) != 0) lanes[i] = p[i];
   return load<kLanes>(lanes);
+#endif
 }
 
 template <int W>
@@ -119,8 +144,11 @@ CORVALITH_INLINE float mulAdd(float a, float b, float c) {
 }
 
 /// sum += a * b, with the sum where it is.
+template <class V>
 CORVALITH_INLINE void accumulate(V& sum, V a, V b) {
-#if defined(__FMA__)
+#if defined(__AVX512F__)
+  asm("vfmadd231ps %2, %1, %0" : "+v"(sum) : "v"(a), "v"(b));
+#elif defined(__FMA__)
   asm("vfmadd231ps %2, %1, %0" : "+x"(sum) : "x"(a), "x"(b));
 #else
   sum = mulAdd(a, b, sum);
@@ -149,11 +177,19 @@ CORVALITH_INLINE Vec<8> greater(Vec<8> x, Vec<8> number) {
   return _mm256_max_ps(x, number);
 }
 #endif
+#if defined(__AVX512F__)
+template <>
+CORVALITH_INLINE Vec<16> greater(Vec<16> x, Vec<16> number) {
+  return _mm512_max_ps(x, number);
+}
+#endif
 #endif
 
 CORVALITH_INLINE V squareRoot(V x) {
 #if defined(__aarch64__)
   return vsqrtq_f32(x);
+#elif defined(__AVX512F__)
+  return _mm512_sqrt_ps(x);
 #elif defined(__AVX2__)
   return _mm256_sqrt_ps(x);
 #else
@@ -175,12 +211,30 @@ class Activation {
   const bool relu_;
 };
 
-CORVALITH_INLINE float sumOfLanes(Vec<4> v) { return (v[0] + v[2]) + (v[1] + v[3]); }
+/// All lanes joined by `op`, halves first.
+template <class Op>
+CORVALITH_INLINE float joinLanes(Vec<4> v, Op op) {
+  return op(op(v[0], v[2]), op(v[1], v[3]));
+}
 #if defined(__AVX2__)
-CORVALITH_INLINE float sumOfLanes(Vec<8> v) {
-  return sumOfLanes(__builtin_shufflevector(v, v, 0, 1, 2, 3) + __builtin_shufflevector(v, v, 4, 5, 6, 7));
+template <class Op>
+CORVALITH_INLINE float joinLanes(Vec<8> v, Op op) {
+  return joinLanes(op(__builtin_shufflevector(v, v, 0, 1, 2, 3), __builtin_shufflevector(v, v, 4, 5, 6, 7)), op);
 }
 #endif
+#if defined(__AVX512F__)
+template <class Op>
+CORVALITH_INLINE float joinLanes(Vec<16> v, Op op) {
+  return joinLanes(op(__builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7),
+                      __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15)),
+                   op);
+}
+#endif
+
+CORVALITH_INLINE float sumOfLanes(V v) {
+  return joinLanes(
+      v, [](auto a, auto b) __attribute__((always_inline)) { return a + b; });
+}
 
 /// Every other value of those that begin with `low`, where `high` begins with low's last.
 CORVALITH_INLINE Vec<4> evenOf(Vec<4> low, Vec<4> high) { return __builtin_shufflevector(low, high, 0, 2, 5, 7); }
@@ -189,12 +243,17 @@ CORVALITH_INLINE Vec<8> evenOf(Vec<8> low, Vec<8> high) {
   return __builtin_shufflevector(low, high, 0, 2, 4, 6, 9, 11, 13, 15);
 }
 #endif
+#if defined(__AVX512F__)
+CORVALITH_INLINE Vec<16> evenOf(Vec<16> low, Vec<16> high) {
+  return __builtin_shufflevector(low, high, 0, 2, 4, 6, 8, 10, 12, 14, 17, 19, 21, 23, 25, 27, 29, 31);
+}
+#endif
 
 // Values STRIDE apart, 1 or 2, in an order that spares shuffling across the halves of a vector: inOrder restores it.
 
 /// Of those that begin with `low`, where `high` begins with low's last.
 CORVALITH_INLINE V everyOther(V low, V high) {
-#if defined(__AVX2__)
+#if defined(__AVX2__) && !defined(__AVX512F__)
   return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(3, 1, 2, 0));
 #else
   return evenOf(low, high);
@@ -203,7 +262,9 @@ CORVALITH_INLINE V everyOther(V low, V high) {
 
 /// The values of odd places of those that begin with `low` and go on with `high`.
 CORVALITH_INLINE V oddOnes(V low, V high) {
-#if defined(__AVX2__)
+#if defined(__AVX512F__)
+  return __builtin_shufflevector(low, high, 1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+#elif defined(__AVX2__)
   return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(3, 1, 3, 1));
 #else
   return __builtin_shufflevector(low, high, 1, 3, 5, 7);
@@ -212,7 +273,9 @@ CORVALITH_INLINE V oddOnes(V low, V high) {
 
 /// Those of even places.
 CORVALITH_INLINE V evenOnes(V low, V high) {
-#if defined(__AVX2__)
+#if defined(__AVX512F__)
+  return __builtin_shufflevector(low, high, 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+#elif defined(__AVX2__)
   return _mm256_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0));
 #else
   return __builtin_shufflevector(low, high, 0, 2, 4, 6);
@@ -229,7 +292,7 @@ CORVALITH_INLINE V loadStrided(const float* p) {
 
 template <int STRIDE>
 CORVALITH_INLINE V inOrder(V v) {
-#if defined(__AVX2__)
+#if defined(__AVX2__) && !defined(__AVX512F__)
   if constexpr (STRIDE == 2) return __builtin_shufflevector(v, v, 0, 1, 4, 5, 2, 3, 6, 7);
 #endif
   return v;

@@ -1,0 +1,96 @@
+// Windows over rows of a plane as it lies in memory: lanes beyond the row's ends are left out by masks, where the
+// instruction set has them. Included by the kernel sources only, as vec.h is.
+#pragma once
+
+#include "cpu/simd/vec.h"
+
+#if defined(__AVX512F__)
+
+namespace corvalith {
+namespace {
+
+/// Lanes within [0, width) where lane 0 is at `begin`.
+CORVALITH_INLINE __mmask16 lanesWithin(ptrdiff_t begin, ptrdiff_t width) {
+  const ptrdiff_t end = width - begin;
+  const uint32_t before = end >= kLanes ? 0xffff : end > 0 ? (1u << end) - 1 : 0;
+  const uint32_t behind = begin >= 0 ? 0xffff : begin > -kLanes ? 0xffff << -begin : 0;
+  return static_cast<__mmask16>(before & behind);
+}
+
+/// Processors foresee no masked loads. Planes follow one another, so what lies this many floats behind comes soon.
+constexpr size_t kPrefetched = 1024;
+
+/// What neighbouring windows of TAPS columns, STRIDE apart, meet of a row: a vector for each tap.
+template <int TAPS, int STRIDE>
+struct MaskedColumns {
+  static_assert(STRIDE == 1 || STRIDE == 2);
+  static constexpr int kLoads = STRIDE == 1 ? TAPS : (TAPS + 1) / 2 * 2;
+
+  MaskedColumns() = default;
+  /// `begin` is the column where the first window begins, in a row of `width`.
+  CORVALITH_INLINE MaskedColumns(ptrdiff_t begin, size_t width) {
+    for (int i = 0; i < kLoads; ++i) masks[i] = lanesWithin(begin + offset(i), static_cast<ptrdiff_t>(width));
+  }
+
+  CORVALITH_INLINE static constexpr int offset(int i) { return STRIDE == 1 ? i : i / 2 * 2 + i % 2 * kLanes; }
+
+  /// Vector i of the row where the first window begins at x: the taps are made of them.
+  CORVALITH_INLINE V load(const float* x, int i) const { return _mm512_maskz_loadu_ps(masks[i], x + offset(i)); }
+  CORVALITH_INLINE V load(const float* x, int i, V outside) const {
+    return _mm512_mask_loadu_ps(outside, masks[i], x + offset(i));
+  }
+
+  /// Asks for what will be met by ROWS rows of windows farther on.
+  template <int ROWS>
+  CORVALITH_INLINE static void prefetch(const float* x, size_t pitch) {
+#pragma GCC unroll 8
+    for (int i = 0; i < ROWS * STRIDE; ++i, x += pitch) {
+#pragma GCC unroll 2
+      for (int n = 0; n < STRIDE; ++n) __builtin_prefetch(x + kPrefetched + n * kLanes);
+    }
+  }
+
+  CORVALITH_INLINE static V tap(const V (&loaded)[kLoads], int i) {
+    if constexpr (STRIDE == 1) return loaded[i];
+    return i % 2 == 0 ? evenOnes(loaded[i], loaded[i + 1]) : oddOnes(loaded[i - 1], loaded[i]);
+  }
+
+  __mmask16 masks[kLoads];
+};
+
+/// The vectors that cover `count` neighbouring windows, the last of them moved back where there are enough.
+template <int TAPS, int STRIDE>
+class WindowRow {
+ public:
+  WindowRow(size_t count, size_t padding, size_t width) : count_(count) {
+    const auto at = [=](size_t window) {
+      return MaskedColumns<TAPS, STRIDE>(static_cast<ptrdiff_t>(window * STRIDE) - static_cast<ptrdiff_t>(padding),
+                                         width);
+    };
+    first_ = at(0);
+    if (count <= kLanes) return;
+    last_ = at(count - kLanes);
+    for (__mmask16& mask : between_.masks) mask = 0xffff;
+  }
+
+  /// Calls use(first window, columns) for every vector.
+  template <class Use>
+  CORVALITH_INLINE void forEach(Use use) const {
+    const MaskedColumns<TAPS, STRIDE>* columns = &first_;
+    for (size_t window = 0;;) {
+      use(window, *columns);
+      if (window + kLanes >= count_) return;
+      window += kLanes, columns = &between_;
+      if (window + kLanes >= count_) window = count_ - kLanes, columns = &last_;
+    }
+  }
+
+ private:
+  const size_t count_;
+  MaskedColumns<TAPS, STRIDE> first_, between_, last_;
+};
+
+}  // namespace
+}  // namespace corvalith
+
+#endif
