@@ -19,7 +19,11 @@ constexpr size_t kLargePanels = 16, kLargeTilePanels = 6;
 
 // Tiles of 4 x 4 from so many on. With fewer, what reaches beyond the plane and the larger weights outweigh the gain;
 // with fewer channels, the transforms do.
-constexpr size_t kManyTiles = 49, kManyChannels = 32;
+constexpr size_t kManyTiles = 49, kManyChannels = 16;
+
+/// The size of matrices whose values at one place are read and written together: an odd number of cache lines, or they
+/// would meet in the same sets of the cache.
+size_t apart(size_t floats) { return (divideUp(floats, kCacheLine) | 1) * kCacheLine; }
 
 /// Calls run(row, column, offset, length) for each part of a row of tiles among these.
 template <class Run>
@@ -69,8 +73,10 @@ void ConvCPUWINO::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   p.panels = divideUp(p.tiles, columns);
   p.splitTiles = p.groups * p.panels >= slots();
   if (!p.splitTiles) p.panels = divideUp(p.outputs, rows);
-  p.convertFloats = p.values * p.channels * p.tileBlock;
-  p.productFloats = p.values * p.outputBlock * p.tileBlock + kCacheLine;  // vectors may read behind the last tile
+  p.inputPlane = apart(p.channels * p.tileBlock);
+  p.productPlane = apart(p.outputBlock * p.tileBlock);
+  p.convertFloats = p.values * p.inputPlane;
+  p.productFloats = p.values * p.productPlane + kCacheLine;  // vectors may read behind the last tile
 }
 
 int ConvCPUWINO::init(Blocks const& bottoms, Blocks const& tops, void* param, Block* weight, Block*) {
@@ -175,8 +181,7 @@ void* ConvCPUWINO::winoThreadFun(void* record) {
 void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
                           size_t endOutput) const {
   const Plan& plan = plan_;
-  const size_t uMatrix = plan.outputs * plan.channels, vMatrix = plan.channels * plan.tileBlock;
-  const size_t pMatrix = plan.outputBlock * plan.tileBlock;
+  const size_t uMatrix = plan.outputs * plan.channels;
   const float* u = packedWeights() + group * plan.values * uMatrix;
   float* v = work.unfolded + work.slot * plan.convertFloats;
   float* p = work.products + work.slot * plan.productFloats;
@@ -188,9 +193,9 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
     for (size_t output = firstOutput; output < endOutput; output += plan.outputBlock) {
       const size_t outputs = std::min(plan.outputBlock, endOutput - output);
       for (size_t e = 0; e < plan.values; ++e) {
-        cpuKernels().packedProduct({u + e * uMatrix + output * plan.channels, outputs, v + e * vMatrix, plan.tileBlock,
-                                    cpuKernels().panelColumns, columns, plan.channels, p + e * pMatrix, plan.tileBlock,
-                                    nullptr, false, winograd_->depthChunk});
+        cpuKernels().packedProduct({u + e * uMatrix + output * plan.channels, outputs, v + e * plan.inputPlane,
+                                    plan.tileBlock, cpuKernels().panelColumns, columns, plan.channels,
+                                    p + e * plan.productPlane, plan.tileBlock, nullptr, false, winograd_->depthChunk});
       }
       for (size_t i = 0; i < outputs; ++i) {
         transformOutput(work, group * plan.outputs + output + i, tile, tiles, p + i * plan.tileBlock);
@@ -200,7 +205,7 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
 }
 
 void ConvCPUWINO::transformInput(const Work& work, size_t group, size_t firstTile, size_t tiles, float* v) const {
-  const size_t phase = plan_.padded.layout.phase, plane = plan_.channels * plan_.tileBlock;
+  const size_t phase = plan_.padded.layout.phase, plane = plan_.inputPlane;
   const size_t tileRow = winograd_->tile * plan_.padded.layout.pitch;
   const size_t room = roundUp(tiles, cpuKernels().lanes);
   const float* x = work.padded + group * plan_.channels * plan_.padPlane;
@@ -214,7 +219,7 @@ void ConvCPUWINO::transformInput(const Work& work, size_t group, size_t firstTil
 void ConvCPUWINO::transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles,
                                   const float* p) const {
   const size_t height = plan_.height, width = plan_.width, tile = winograd_->tile;
-  const size_t plane = plan_.outputBlock * plan_.tileBlock;
+  const size_t plane = plan_.productPlane;
   float* y = work.y + output * height * width;
   forEachRun(firstTile, tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
     winograd_->output(p + offset, plane, work.bias[output], relu_, y + tile * (row * width + column), width,

@@ -36,8 +36,10 @@ class ConvCPUWINO : public ConvCPU {
     bool splitTiles;       // slots take panels of tiles, else panels of outputs
     size_t panels;         // of either, in a group
     size_t padFloats;      // of all planes, or of one per slot
-    size_t convertFloats;  // of one slot: values x channels x tiles of a block
-    size_t productFloats;  // of one slot: values x outputs x tiles of a block
+    size_t inputPlane;     // of one value: channels x tiles of a block, and some room
+    size_t productPlane;   // of one value: outputs x tiles of a block, and some room
+    size_t convertFloats;  // of one slot: those of all values
+    size_t productFloats;  // of one slot: those of all values
   };
 
   void makePlan(const Shape& in, const Shape& out, const ConvParam& conv);
