@@ -18,13 +18,13 @@ CORVALITH_INLINE __mmask16 lanesWithin(ptrdiff_t begin, ptrdiff_t width) {
 }
 
 /// Processors foresee no masked loads. Planes follow one another, so what lies this many floats behind comes soon.
-constexpr size_t kPrefetched = 1024;
+constexpr size_t kPrefetched = 2048;
 
 /// What neighbouring windows of TAPS columns, STRIDE apart, meet of a row: a vector for each tap.
 template <int TAPS, int STRIDE>
 struct MaskedColumns {
   static_assert(STRIDE == 1 || STRIDE == 2);
-  static constexpr int kLoads = STRIDE == 1 ? TAPS : (TAPS + 1) / 2 * 2;
+  static constexpr int kLoads = STRIDE == 1 || TAPS == 2 ? TAPS : 3;
 
   MaskedColumns() = default;
   /// `begin` is the column where the first window begins, in a row of `width`.
@@ -32,7 +32,7 @@ struct MaskedColumns {
     for (int i = 0; i < kLoads; ++i) masks[i] = lanesWithin(begin + offset(i), static_cast<ptrdiff_t>(width));
   }
 
-  CORVALITH_INLINE static constexpr int offset(int i) { return STRIDE == 1 ? i : i / 2 * 2 + i % 2 * kLanes; }
+  CORVALITH_INLINE static constexpr int offset(int i) { return STRIDE == 1 ? i : i * kLanes; }
 
   /// Vector i of the row where the first window begins at x: the taps are made of them.
   CORVALITH_INLINE V load(const float* x, int i) const { return _mm512_maskz_loadu_ps(masks[i], x + offset(i)); }
@@ -50,9 +50,23 @@ struct MaskedColumns {
     }
   }
 
+  /// What tap i of each window meets.
   CORVALITH_INLINE static V tap(const V (&loaded)[kLoads], int i) {
-    if constexpr (STRIDE == 1) return loaded[i];
-    return i % 2 == 0 ? evenOnes(loaded[i], loaded[i + 1]) : oddOnes(loaded[i - 1], loaded[i]);
+    if constexpr (STRIDE == 1) {
+      return loaded[i];
+    } else {
+      if (i == 0) return evenOnes(loaded[0], loaded[1]);
+      if (i == 1) return oddOnes(loaded[0], loaded[1]);
+      if (i == 2) return behind<1>(tap(loaded, 0), loaded[2]);
+      if (i == 3) return behind<1>(tap(loaded, 1), oddOnes(loaded[2], loaded[2]));
+      return behind<2>(tap(loaded, 0), evenOnes(loaded[2], loaded[2]));
+    }
+  }
+
+  /// Lanes COUNT and on, followed by the first of `next`.
+  template <int COUNT>
+  CORVALITH_INLINE static V behind(V v, V next) {
+    return (V)_mm512_alignr_epi32((__m512i)next, (__m512i)v, COUNT);
   }
 
   __mmask16 masks[kLoads];
