@@ -1,5 +1,7 @@
 #include "cpu/conv_direct.h"
 
+#include <algorithm>
+
 #include "cpu/pad.h"
 #include "cpu/parallel.h"
 
@@ -40,7 +42,7 @@ void* DirectConvolution::threadFun(void* record) {
                             static_cast<size_t>(conv.kernel_h),
                             static_cast<size_t>(conv.kernel_w),
                             nullptr,
-                            0,
+                            nullptr,
                             work.relu,
                             nullptr,
                             static_cast<size_t>(out.h),
@@ -50,19 +52,31 @@ void* DirectConvolution::threadFun(void* record) {
                             padded.top,
                             padded.left};
   const bool unpadded = work.plan->unpadded_;
-  if (unpadded) plane.layout.pitch = padded.inPitch;
-  for (int i = work.first; i < work.end; ++i) {
-    const size_t output = static_cast<size_t>(i % out.c);
+  int count;
+  for (int i = work.first; i < work.end; i += count) {
+    const int output = i % out.c;
+    // As many as have one input or, where that can be, inputs that follow one another.
+    count = unpadded && perChannel == 1 ? out.c - output : perChannel - i % perChannel;
+    count = std::min(count, work.end - i);
+    plane.weights = work.weights + static_cast<size_t>(output) * taps;
+    plane.bias = work.bias + output;
+    plane.y = work.y + static_cast<size_t>(i) * plane.outHeight * plane.outWidth;
     const float* x = work.x + static_cast<size_t>(i / perChannel) * inPlane;
     if (unpadded) {
       plane.x = x;
-    } else if (i == work.first || i % perChannel == 0) {
-      cpuKernels().padPlane(padded, x, work.scratch);
+      plane.layout.pitch = padded.inPitch;
+      plane.planes = static_cast<size_t>(count);
+      plane.planeStep = perChannel == 1 ? inPlane : 0;
+      cpuKernels().convolveUnpadded(plane);
+      continue;
     }
-    plane.weights = work.weights + output * taps;
-    plane.bias = work.bias[output];
-    plane.y = work.y + static_cast<size_t>(i) * plane.outHeight * plane.outWidth;
-    (unpadded ? cpuKernels().convolveUnpadded : cpuKernels().convolvePlane)(plane);
+    cpuKernels().padPlane(padded, x, work.scratch);
+    for (int n = 0; n < count; ++n) {
+      cpuKernels().convolvePlane(plane);
+      plane.weights += taps;
+      ++plane.bias;
+      plane.y += plane.outHeight * plane.outWidth;
+    }
   }
   return nullptr;
 }

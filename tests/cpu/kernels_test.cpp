@@ -242,6 +242,7 @@ std::vector<float> convolveRows(const std::vector<float>& x, size_t rowStride, c
 
 TEST_P(KernelsTest, Convolutions3x3) {
   const std::vector<float> g = noise(9, 4);
+  const float bias = 0.25f;
   for (const WinogradKernels* w : {&k.winogradOf2, &k.winogradOf4}) {
     const size_t tile = w->tile, size = tile + 2, values = size * size;
     std::vector<float> u(values);
@@ -263,33 +264,34 @@ TEST_P(KernelsTest, Convolutions3x3) {
         y.assign(y.size(), 7);
         w->output(v.data(), whole, 0.25f, relu, y.data(), width, 1, width);
         for (size_t i = width; i < y.size(); ++i) EXPECT_EQ(y[i], 7) << "behind the last row";
-        k.convolvePlane({x.data(), {1, pitch, pitch, 1}, 1, 3, 3, g.data(), 0.25f, relu, y.data(), tile, width});
+        k.convolvePlane({x.data(), {1, pitch, pitch, 1}, 1, 3, 3, g.data(), &bias, relu, y.data(), tile, width});
         expectSame(y, want, 1e-5f);
       }
     }
   }
 }
 
-/// One channel with zeros around it, in double.
-std::vector<float> convolvePadded(const PlaneConvolution& p, bool relu) {
+/// Planes with zeros around them, in double.
+std::vector<float> convolvePadded(const PlaneConvolution& p) {
   std::vector<float> y;
-  for (size_t row = 0; row < p.outHeight; ++row) {
-    for (size_t column = 0; column < p.outWidth; ++column) {
-      double sum = p.bias;
-      for (size_t i = 0; i < p.kernelHeight * p.kernelWidth; ++i) {
-        const size_t r = row * p.stride + i / p.kernelWidth - p.top;  // wraps above the plane
-        const size_t c = column * p.stride + i % p.kernelWidth - p.left;
-        if (r < p.inHeight && c < p.inWidth) sum += double{p.weights[i]} * p.x[r * p.layout.pitch + c];
-      }
-      y.push_back(relu && !(sum > 0) ? 0 : static_cast<float>(sum));
+  const size_t taps = p.kernelHeight * p.kernelWidth, pixels = p.outHeight * p.outWidth;
+  for (size_t n = 0; n < p.planes * pixels; ++n) {
+    const size_t plane = n / pixels, row = n % pixels / p.outWidth, column = n % p.outWidth;
+    double sum = p.bias[plane];
+    for (size_t i = 0; i < taps; ++i) {
+      const size_t r = row * p.stride + i / p.kernelWidth - p.top;  // wraps above the plane
+      const size_t c = column * p.stride + i % p.kernelWidth - p.left;
+      if (r >= p.inHeight || c >= p.inWidth) continue;
+      sum += double{p.weights[plane * taps + i]} * p.x[plane * p.planeStep + r * p.layout.pitch + c];
     }
+    y.push_back(p.relu && !(sum > 0) ? 0 : static_cast<float>(sum));
   }
   return y;
 }
 
 TEST_P(KernelsTest, ConvolutionsOfPlanesWithoutZeros) {
   if (k.convolveUnpadded == nullptr) GTEST_SKIP() << "this instruction set does without";
-  const std::vector<float> weights = noise(25, 6);
+  const std::vector<float> weights = noise(50, 6), bias = noise(2, 8);
   for (const size_t kernel : {3, 5}) {
     for (const size_t stride : {1, 2}) {
       for (size_t i = 0; i < 3 * kMaxLength; ++i) {
@@ -297,14 +299,14 @@ TEST_P(KernelsTest, ConvolutionsOfPlanesWithoutZeros) {
         if (height + 2 * top < kernel || width + 2 * left < kernel) continue;
         SCOPED_TRACE(std::to_string(kernel) + "x" + std::to_string(kernel) + ", stride " + std::to_string(stride) +
                      ", plane " + std::to_string(height) + "x" + std::to_string(width));
-        const std::vector<float> x = noise(height * width, 7);
+        const std::vector<float> x = noise(2 * height * width, 7);
         PlaneConvolution p = {x.data(),
                               {1, width, width, stride},
                               stride,
                               kernel,
                               kernel,
                               weights.data(),
-                              0.25f,
+                              bias.data(),
                               i % 2 == 0,
                               nullptr,
                               (height + 2 * top - kernel) / stride + 1,
@@ -312,8 +314,10 @@ TEST_P(KernelsTest, ConvolutionsOfPlanesWithoutZeros) {
                               height,
                               width,
                               top,
-                              left};
-        const std::vector<float> want = convolvePadded(p, p.relu);
+                              left,
+                              2,
+                              i % 4 == 0 ? 0 : height * width};
+        const std::vector<float> want = convolvePadded(p);
         std::vector<float> y(want.size() + k.lanes, 7);
         p.y = y.data();
         k.convolveUnpadded(p);

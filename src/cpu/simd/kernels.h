@@ -57,12 +57,14 @@ struct PlaneConvolution {
   size_t stride;  // columns between those where two outputs begin: the layout's, or 2 where that is 1
   size_t kernelHeight, kernelWidth;
   const float* weights;
-  float bias;
+  const float* bias;  // one value
   bool relu;
   float* y;
   size_t outHeight, outWidth;
   // Of a plane that comes without its zeros: how many there would be, above it and before its rows.
   size_t inHeight = 0, inWidth = 0, top = 0, left = 0;
+  // Then there may be more planes of outputs, with weights and biases that follow one another.
+  size_t planes = 1, planeStep = 0;  // floats from the input of one to that of the next
 };
 
 /// Rows of n pooling windows: y[i] reduces columns i * stride - padding to i * stride - padding + `columns` of the rows
