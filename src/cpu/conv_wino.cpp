@@ -104,7 +104,8 @@ int ConvCPUWINO::reshape(Blocks const& bottoms, Blocks const& tops, void* param,
   return 0;
 }
 
-/// Packs a group's transformed weights as matrices, one for each value of a tile, of outputs x channels.
+/// Packs transformed weights in the order in which they are read: for each group and each block of outputs a matrix for
+/// each value of a tile, of the block's outputs x channels.
 int ConvCPUWINO::prepareWeights(const Block& weight) {
   if (plan_.direct) return 0;
   const size_t count = plan_.outputs * plan_.channels;
@@ -112,8 +113,11 @@ int ConvCPUWINO::prepareWeights(const Block& weight) {
       context_->CorvalithMalloc(static_cast<int>(plan_.groups * count * plan_.values + kCacheLine), dataType_);
   if (weightBuffer_ == nullptr) return fail("ConvCPUWINOImpl weight buffer create fail");
   for (size_t g = 0; g < plan_.groups; ++g) {
-    winograd_->kernels(floats(&weight) + g * count * 9, plan_.outputs, plan_.channels,
-                       static_cast<float*>(weightBuffer_) + g * count * plan_.values);
+    for (size_t output = 0; output < plan_.outputs; output += plan_.outputBlock) {
+      const size_t done = g * count + output * plan_.channels;
+      winograd_->kernels(floats(&weight) + done * 9, std::min(plan_.outputBlock, plan_.outputs - output),
+                         plan_.channels, static_cast<float*>(weightBuffer_) + done * plan_.values);
+    }
   }
   return 0;
 }
@@ -181,8 +185,7 @@ void* ConvCPUWINO::winoThreadFun(void* record) {
 void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
                           size_t endOutput) const {
   const Plan& plan = plan_;
-  const size_t uMatrix = plan.outputs * plan.channels;
-  const float* u = packedWeights() + group * plan.values * uMatrix;
+  const float* groupWeights = packedWeights() + group * plan.values * plan.outputs * plan.channels;
   float* v = work.unfolded + work.slot * plan.convertFloats;
   float* p = work.products + work.slot * plan.productFloats;
   for (size_t tile = firstTile; tile < endTile; tile += plan.tileBlock) {
@@ -190,10 +193,13 @@ void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size
     // Whole vectors, or what the product does without them.
     const size_t lanes = cpuKernels().lanes, columns = tiles % lanes <= lanes / 2 ? tiles : roundUp(tiles, lanes);
     transformInput(work, group, tile, tiles, v);
-    for (size_t output = firstOutput; output < endOutput; output += plan.outputBlock) {
-      const size_t outputs = std::min(plan.outputBlock, endOutput - output);
+    for (size_t output = firstOutput, outputs; output < endOutput; output += outputs) {
+      const size_t inBlock = output % plan.outputBlock, block = output - inBlock;
+      const size_t blockOutputs = std::min(plan.outputBlock, plan.outputs - block);
+      outputs = std::min(blockOutputs - inBlock, endOutput - output);
+      const float* u = groupWeights + (block * plan.values + inBlock) * plan.channels;
       for (size_t e = 0; e < plan.values; ++e) {
-        cpuKernels().packedProduct({u + e * uMatrix + output * plan.channels, outputs, v + e * plan.inputPlane,
+        cpuKernels().packedProduct({u + e * blockOutputs * plan.channels, outputs, v + e * plan.inputPlane,
                                     plan.tileBlock, cpuKernels().panelColumns, columns, plan.channels,
                                     p + e * plan.productPlane, plan.tileBlock, nullptr, false, winograd_->depthChunk});
       }
