@@ -8,12 +8,20 @@ namespace corvalith {
 namespace {
 
 /// Calls run(windows, first output row) for every row of windows of a slot's planes; those within a plane come
-/// together.
+/// together, and so do planes of one window.
 template <class ThreadParam, class Run>
 void forEachRun(const ThreadParam& p, Run run) {
   const size_t width = static_cast<size_t>(p.columns.size), plane = static_cast<size_t>(p.rows.size) * width;
   const size_t outWidth = static_cast<size_t>(p.outWidth), outPlane = static_cast<size_t>(p.outHeight) * outWidth;
   const int64_t begin = p.rows.beginInside(), end = std::min<int64_t>(p.rows.endInside(), p.outHeight);
+  if (p.outHeight == 1 && p.outWidth == 1) {  // the planes are as rows of one window each
+    const size_t first = static_cast<size_t>(p.first), height = p.rows.count(0);
+    run(PoolRows{p.x + first * plane + (height > 0 ? static_cast<size_t>(p.rows.first(0)) * width : 0), width, height,
+                 width, static_cast<size_t>(p.columns.kernel), static_cast<size_t>(p.columns.stride),
+                 static_cast<size_t>(p.columns.pad), p.y + first, 1, static_cast<size_t>(p.end) - first, plane},
+        0);
+    return;
+  }
   for (size_t i = static_cast<size_t>(p.first); i < static_cast<size_t>(p.end); ++i) {
     for (int64_t row = 0, next; row < p.outHeight; row = next) {
       next = row == begin && begin < end ? end : row + 1;
@@ -58,7 +66,7 @@ void* AvePoolCPUImpl::avePoolThreadFun(void* record) {
   forEachRun(p, [&](const PoolRows& windows, int64_t row) {
     cpuKernels().sumPoolRows(windows);
     float* y = windows.y;
-    for (size_t r = 0; r < windows.count; ++r, ++row) {
+    for (size_t r = 0; r<windows.count; ++r, row += p.outHeight> 1) {
       const int64_t height = p.rows.extent(row);
       for (int i = 0; i < p.outWidth; ++i) *y++ /= static_cast<float>(height * p.columns.extent(i));
     }
