@@ -55,11 +55,12 @@ struct MaskedColumns {
     if constexpr (STRIDE == 1) {
       return loaded[i];
     } else {
-      if (i == 0) return evenOnes(loaded[0], loaded[1]);
-      if (i == 1) return oddOnes(loaded[0], loaded[1]);
-      if (i == 2) return behind<1>(tap(loaded, 0), loaded[2]);
-      if (i == 3) return behind<1>(tap(loaded, 1), oddOnes(loaded[2], loaded[2]));
-      return behind<2>(tap(loaded, 0), evenOnes(loaded[2], loaded[2]));
+      const V even = evenOnes(loaded[0], loaded[1]), odd = oddOnes(loaded[0], loaded[1]), next = loaded[kLoads - 1];
+      if (i == 0) return even;
+      if (i == 1) return odd;
+      if (i == 2) return behind<1>(even, next);
+      if (i == 3) return behind<1>(odd, oddOnes(next, next));
+      return behind<2>(even, evenOnes(next, next));
     }
   }
 
