@@ -66,7 +66,8 @@ void* AvePoolCPUImpl::avePoolThreadFun(void* record) {
   forEachRun(p, [&](const PoolRows& windows, int64_t row) {
     cpuKernels().sumPoolRows(windows);
     float* y = windows.y;
-    for (size_t r = 0; r<windows.count; ++r, row += p.outHeight> 1) {
+    const int64_t step = p.outHeight > 1 ? 1 : 0;
+    for (size_t r = 0; r < windows.count; ++r, row += step) {
       const int64_t height = p.rows.extent(row);
       for (int i = 0; i < p.outWidth; ++i) *y++ /= static_cast<float>(height * p.columns.extent(i));
     }

@@ -132,7 +132,7 @@ struct CpuKernels {
   void (*padPlane)(const PaddedPlane& plane, const float* x, float* y);
   WinogradKernels winogradOf2, winogradOf4;
   /// Reads `lanes` outputs' values from each output's first one on. Columns that are not in the order of the stride are
-  /// for kernels of 3 x 3 and 5 x 5 and a stride of 2 in both directions.
+  /// for kernels of 3 x 3 and 5 x 5 and a stride of 2 in both directions, where convolveUnpadded is null.
   void (*convolvePlane)(const PlaneConvolution& p);
   /// The same of a plane without zeros around it, for kernels of 3 x 3 and 5 x 5 and a stride of 1 or 2 in both
   /// directions. Null where the instruction set cannot leave out what is beyond a row.

@@ -17,7 +17,8 @@ CORVALITH_INLINE __mmask16 lanesWithin(ptrdiff_t begin, ptrdiff_t width) {
   return static_cast<__mmask16>(before & behind);
 }
 
-/// Processors foresee no masked loads. Planes follow one another, so what lies this many floats behind comes soon.
+/// Masked loads, as measured, are not foreseen by the processor. Planes follow one another, so what lies this many
+/// floats behind comes soon.
 constexpr size_t kPrefetched = 2048;
 
 /// What neighbouring windows of TAPS columns, STRIDE apart, meet of a row: a vector for each tap.
