@@ -27,13 +27,15 @@ struct MaskedColumns {
   static_assert(STRIDE == 1 || STRIDE == 2);
   static constexpr int kLoads = STRIDE == 1 || TAPS == 2 ? TAPS : 3;
 
+  CORVALITH_INLINE static constexpr int offset(int i) { return STRIDE == 1 ? i : i * kLanes; }
+  /// Columns from the first that is loaded to the last.
+  static constexpr ptrdiff_t kSpan = STRIDE == 1 ? kLoads - 1 + kLanes : kLoads * kLanes;
+
   MaskedColumns() = default;
   /// `begin` is the column where the first window begins, in a row of `width`.
-  CORVALITH_INLINE MaskedColumns(ptrdiff_t begin, size_t width) {
-    for (int i = 0; i < kLoads; ++i) masks[i] = lanesWithin(begin + offset(i), static_cast<ptrdiff_t>(width));
+  CORVALITH_INLINE MaskedColumns(ptrdiff_t begin, ptrdiff_t width) {
+    for (int i = 0; i < kLoads; ++i) masks[i] = lanesWithin(begin + offset(i), width);
   }
-
-  CORVALITH_INLINE static constexpr int offset(int i) { return STRIDE == 1 ? i : i * kLanes; }
 
   /// Vector i of the row where the first window begins at x: the taps are made of them.
   CORVALITH_INLINE V load(const float* x, int i) const { return _mm512_maskz_loadu_ps(masks[i], x + offset(i)); }
@@ -78,32 +80,40 @@ struct MaskedColumns {
 template <int TAPS, int STRIDE>
 class WindowRow {
  public:
-  WindowRow(size_t count, size_t padding, size_t width) : count_(count) {
-    const auto at = [=](size_t window) {
-      return MaskedColumns<TAPS, STRIDE>(static_cast<ptrdiff_t>(window * STRIDE) - static_cast<ptrdiff_t>(padding),
-                                         width);
-    };
-    first_ = at(0);
-    if (count <= kLanes) return;
-    last_ = at(count - kLanes);
-    for (__mmask16& mask : between_.masks) mask = 0xffff;
+  using Columns = MaskedColumns<TAPS, STRIDE>;
+
+  WindowRow(size_t count, size_t padding, size_t width)
+      : count_(count), padding_(static_cast<ptrdiff_t>(padding)), width_(static_cast<ptrdiff_t>(width)) {
+    first_ = columnsAt(0);
+    last_ = columnsAt(count > kLanes ? count - kLanes : 0);
+    for (__mmask16& mask : within_.masks) mask = 0xffff;
   }
 
   /// Calls use(first window, columns) for every vector.
   template <class Use>
   CORVALITH_INLINE void forEach(Use use) const {
-    const MaskedColumns<TAPS, STRIDE>* columns = &first_;
+    const Columns* columns = &first_;
+    Columns other;
     for (size_t window = 0;;) {
       use(window, *columns);
       if (window + kLanes >= count_) return;
-      window += kLanes, columns = &between_;
-      if (window + kLanes >= count_) window = count_ - kLanes, columns = &last_;
+      window += kLanes, columns = &within_;
+      if (window + kLanes >= count_) {
+        window = count_ - kLanes, columns = &last_;
+      } else if (const ptrdiff_t begin = beginOf(window); begin < 0 || begin + Columns::kSpan > width_) {
+        other = columnsAt(window), columns = &other;
+      }
     }
   }
 
  private:
+  CORVALITH_INLINE ptrdiff_t beginOf(size_t window) const { return static_cast<ptrdiff_t>(window * STRIDE) - padding_; }
+  /// Not inline: few vectors need their own.
+  __attribute__((noinline)) Columns columnsAt(size_t window) const { return {beginOf(window), width_}; }
+
   const size_t count_;
-  MaskedColumns<TAPS, STRIDE> first_, between_, last_;
+  const ptrdiff_t padding_, width_;
+  Columns first_, within_, last_;
 };
 
 }  // namespace
