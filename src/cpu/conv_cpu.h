@@ -26,7 +26,8 @@ class ConvCPU : public Impl {
     const float *x, *bias;
     float* y;
     float *padded, *unfolded, *products;  // scratch memory
-    size_t slot, first, end;
+    size_t slot = 0, first = 0, end = 0;
+    size_t group = 0, tile = 0, tiles = 0;  // which tiles of which group, for Winograd algorithms
   };
 
   CPUContext& cpu() const { return *static_cast<CPUContext*>(context_); }

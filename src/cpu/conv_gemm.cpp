@@ -113,7 +113,7 @@ int ConvCPUGEMM::forward(Blocks const& bottoms, Blocks const& tops, void*, Block
     return 0;
   }
   const size_t channels = p.groups * p.channels;
-  Work work{this, floats(bottoms[0]), floats(bias), floats(tops[0]), padded, unfolded, nullptr, 0, 0, 0};
+  Work work{this, floats(bottoms[0]), floats(bias), floats(tops[0]), padded, unfolded, nullptr};
   for (int image = 0; image < batch; ++image) {
     if (!p.pointwise) dispatch(padThreadFun, channels, work);
     if (p.splitRows) dispatch(im2colThreadFun, p.groups * p.columnPanels, work);

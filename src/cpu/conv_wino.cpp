@@ -68,13 +68,11 @@ void ConvCPUWINO::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   const bool large = p.values * p.channels * p.outputs > kManyWeights;
   p.outputBlock = std::min((large ? kLargePanels : kBlockPanels) * rows, p.outputs);
   const size_t fitting = kBlockFloats / p.values / (p.channels + p.outputBlock) / columns;
-  const size_t tilePanels = large ? kLargeTilePanels : std::max(fitting, size_t{1});
-  p.tileBlock = std::min(tilePanels * columns, roundUp(p.tiles, lanes));
-  p.panels = divideUp(p.tiles, columns);
-  p.splitTiles = p.groups * p.panels >= slots();
-  if (!p.splitTiles) p.panels = divideUp(p.outputs, rows);
-  p.inputPlane = apart(p.channels * p.tileBlock);
-  p.productPlane = apart(p.outputBlock * p.tileBlock);
+  p.tileBlock = (large ? kLargeTilePanels : std::max(fitting, size_t{1})) * columns;
+  p.room = std::min(p.tileBlock + lanes, roundUp(p.tiles, lanes));
+  p.outputPanels = divideUp(p.outputs, rows);
+  p.inputPlane = apart(p.channels * p.room);
+  p.productPlane = apart(p.outputBlock * p.room);
   p.convertFloats = p.values * p.inputPlane;
   p.productFloats = p.values * p.productPlane + kCacheLine;  // vectors may read behind the last tile
 }
@@ -89,7 +87,7 @@ int ConvCPUWINO::init(Blocks const& bottoms, Blocks const& tops, void* param, Bl
   winograd_ = manyTiles && manyChannels ? &cpuKernels().winogradOf4 : &cpuKernels().winogradOf2;
   makePlan(bottoms[0]->shape(), tops[0]->shape(), *static_cast<const ConvParam*>(param));
   if (cpu().reserve(Scratch::kPadded, plan_.padFloats) != 0) return fail("ConvCPUWINOImpl pad buffer create fail");
-  if (cpu().reserve(Scratch::kUnfolded, slots() * plan_.convertFloats) != 0) {
+  if (cpu().reserve(Scratch::kUnfolded, plan_.convertFloats) != 0) {
     return fail("ConvCPUWINOImpl convert buffer create fail");
   }
   return weight != nullptr && weight->getData() != nullptr ? prepareWeights(*weight) : -1;
@@ -98,7 +96,7 @@ int ConvCPUWINO::init(Blocks const& bottoms, Blocks const& tops, void* param, Bl
 int ConvCPUWINO::reshape(Blocks const& bottoms, Blocks const& tops, void* param, Block*, Block*) {
   makePlan(bottoms[0]->shape(), tops[0]->shape(), *static_cast<const ConvParam*>(param));
   if (cpu().reserve(Scratch::kPadded, plan_.padFloats) != 0 ||
-      cpu().reserve(Scratch::kUnfolded, slots() * plan_.convertFloats) != 0) {
+      cpu().reserve(Scratch::kUnfolded, plan_.convertFloats) != 0) {
     return fail("reshape failed");
   }
   return 0;
@@ -140,14 +138,11 @@ int ConvCPUWINO::forward(Blocks const& bottoms, Blocks const& tops, void*, Block
             floats(bias),
             floats(tops[0]),
             padded,
-            cpu().scratch(Scratch::kUnfolded, slots() * plan_.convertFloats),
-            cpu().scratch(Scratch::kProducts, slots() * plan_.productFloats),
-            0,
-            0,
-            0};
+            cpu().scratch(Scratch::kUnfolded, plan_.convertFloats),
+            cpu().scratch(Scratch::kProducts, slots() * plan_.productFloats)};
   for (int image = 0; image < bottoms[0]->getBatch(); ++image) {
     dispatch(padThreadFun, channels, work);
-    dispatch(winoThreadFun, plan_.groups * plan_.panels, work);
+    for (work.group = 0; work.group < plan_.groups; ++work.group) forwardGroup(work);
     work.x += channels * plan_.inPlane;
     work.y += outputs * plan_.height * plan_.width;
   }
@@ -163,71 +158,72 @@ void* ConvCPUWINO::padThreadFun(void* record) {
   return nullptr;
 }
 
-void* ConvCPUWINO::winoThreadFun(void* record) {
+/// A block of tiles at a time, with a few that would be left in the last one.
+void ConvCPUWINO::forwardGroup(Work& work) {
+  for (work.tile = 0; work.tile < plan_.tiles; work.tile += work.tiles) {
+    const size_t left = plan_.tiles - work.tile;
+    work.tiles = left <= plan_.room ? left : plan_.tileBlock;
+    dispatch(transformThreadFun, plan_.channels, work);
+    dispatch(multiplyThreadFun, plan_.outputPanels, work);
+  }
+}
+
+void* ConvCPUWINO::transformThreadFun(void* record) {
+  const Work& work = *static_cast<const Work*>(record);
+  const ConvCPUWINO& impl = *static_cast<const ConvCPUWINO*>(work.impl);
+  for (size_t c = work.first; c < work.end; ++c) impl.transformInput(work, c);
+  return nullptr;
+}
+
+void ConvCPUWINO::transformInput(const Work& work, size_t channel) const {
+  const Plan& p = plan_;
+  const size_t phase = p.padded.layout.phase, tileRow = winograd_->tile * p.padded.layout.pitch;
+  const size_t room = roundUp(work.tiles, cpuKernels().lanes);
+  const float* x = work.padded + (work.group * p.channels + channel) * p.padPlane;
+  float* v = work.unfolded + channel * p.room;
+  forEachRun(work.tile, work.tiles, p.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
+    winograd_->input(x + row * tileRow + column, phase, v + offset, p.inputPlane, length, room - offset);
+  });
+}
+
+void* ConvCPUWINO::multiplyThreadFun(void* record) {
   const Work& work = *static_cast<const Work*>(record);
   const ConvCPUWINO& impl = *static_cast<const ConvCPUWINO*>(work.impl);
   const Plan& plan = impl.plan_;
-  const size_t size = plan.splitTiles ? cpuKernels().panelColumns : cpuKernels().panelRows;
-  for (size_t panel = work.first; panel < work.end;) {
-    const size_t group = panel / plan.panels, first = panel % plan.panels;
-    const size_t count = std::min(plan.panels - first, work.end - panel);
-    const size_t begin = first * size, end = begin + count * size;
-    if (plan.splitTiles) {
-      impl.compute(work, group, begin, std::min(end, plan.tiles), 0, plan.outputs);
-    } else {
-      impl.compute(work, group, 0, plan.tiles, begin, std::min(end, plan.outputs));
-    }
-    panel += count;
+  const size_t rows = cpuKernels().panelRows, end = std::min(work.end * rows, plan.outputs);
+  for (size_t output = work.first * rows, outputs; output < end; output += outputs) {
+    outputs = std::min(plan.outputBlock - output % plan.outputBlock, end - output);
+    impl.multiply(work, output, outputs);
   }
   return nullptr;
 }
 
-void ConvCPUWINO::compute(const Work& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
-                          size_t endOutput) const {
+/// Outputs of one block.
+void ConvCPUWINO::multiply(const Work& work, size_t output, size_t outputs) const {
   const Plan& plan = plan_;
-  const float* groupWeights = packedWeights() + group * plan.values * plan.outputs * plan.channels;
-  float* v = work.unfolded + work.slot * plan.convertFloats;
+  const size_t inBlock = output % plan.outputBlock, block = output - inBlock;
+  const size_t blockFloats = std::min(plan.outputBlock, plan.outputs - block) * plan.channels;
+  const size_t before = work.group * plan.outputs * plan.values + block * plan.values + inBlock;
+  const float* u = packedWeights() + before * plan.channels;
   float* p = work.products + work.slot * plan.productFloats;
-  for (size_t tile = firstTile; tile < endTile; tile += plan.tileBlock) {
-    const size_t tiles = std::min(plan.tileBlock, endTile - tile);
-    // Whole vectors, or what the product does without them.
-    const size_t lanes = cpuKernels().lanes, columns = tiles % lanes <= lanes / 2 ? tiles : roundUp(tiles, lanes);
-    transformInput(work, group, tile, tiles, v);
-    for (size_t output = firstOutput, outputs; output < endOutput; output += outputs) {
-      const size_t inBlock = output % plan.outputBlock, block = output - inBlock;
-      const size_t blockOutputs = std::min(plan.outputBlock, plan.outputs - block);
-      outputs = std::min(blockOutputs - inBlock, endOutput - output);
-      const float* u = groupWeights + (block * plan.values + inBlock) * plan.channels;
-      for (size_t e = 0; e < plan.values; ++e) {
-        cpuKernels().packedProduct({u + e * blockOutputs * plan.channels, outputs, v + e * plan.inputPlane,
-                                    plan.tileBlock, cpuKernels().panelColumns, columns, plan.channels,
-                                    p + e * plan.productPlane, plan.tileBlock, nullptr, false, winograd_->depthChunk});
-      }
-      for (size_t i = 0; i < outputs; ++i) {
-        transformOutput(work, group * plan.outputs + output + i, tile, tiles, p + i * plan.tileBlock);
-      }
-    }
+  // Whole vectors, or what the product does without them.
+  const size_t lanes = cpuKernels().lanes;
+  const size_t columns = work.tiles % lanes <= lanes / 2 ? work.tiles : roundUp(work.tiles, lanes);
+  for (size_t e = 0; e < plan.values; ++e) {
+    cpuKernels().packedProduct({u + e * blockFloats, outputs, work.unfolded + e * plan.inputPlane, plan.room,
+                                cpuKernels().panelColumns, columns, plan.channels, p + e * plan.productPlane, plan.room,
+                                nullptr, false, winograd_->depthChunk});
+  }
+  for (size_t i = 0; i < outputs; ++i) {
+    transformOutput(work, work.group * plan.outputs + output + i, p + i * plan.room);
   }
 }
 
-void ConvCPUWINO::transformInput(const Work& work, size_t group, size_t firstTile, size_t tiles, float* v) const {
-  const size_t phase = plan_.padded.layout.phase, plane = plan_.inputPlane;
-  const size_t tileRow = winograd_->tile * plan_.padded.layout.pitch;
-  const size_t room = roundUp(tiles, cpuKernels().lanes);
-  const float* x = work.padded + group * plan_.channels * plan_.padPlane;
-  for (size_t c = 0; c < plan_.channels; ++c, x += plan_.padPlane, v += plan_.tileBlock) {
-    forEachRun(firstTile, tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
-      winograd_->input(x + row * tileRow + column, phase, v + offset, plane, length, room - offset);
-    });
-  }
-}
-
-void ConvCPUWINO::transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles,
-                                  const float* p) const {
+void ConvCPUWINO::transformOutput(const Work& work, size_t output, const float* p) const {
   const size_t height = plan_.height, width = plan_.width, tile = winograd_->tile;
   const size_t plane = plan_.productPlane;
   float* y = work.y + output * height * width;
-  forEachRun(firstTile, tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
+  forEachRun(work.tile, work.tiles, plan_.tilesWide, [&](size_t row, size_t column, size_t offset, size_t length) {
     winograd_->output(p + offset, plane, work.bias[output], relu_, y + tile * (row * width + column), width,
                       std::min(tile, height - tile * row), std::min(tile * length, width - tile * column));
   });

@@ -10,8 +10,8 @@ namespace corvalith {
 /// Every 2 x 2 output tile comes from a 4 x 4 input tile: both the tile and the weights are transformed to 16 values,
 /// for each of which the sum over the channels is a matrix product, and what comes out is transformed back. That takes
 /// 16 multiplications per channel and tile instead of 36. Large outputs of many channels have tiles of 4 x 4 instead,
-/// 36 instead of 144. For each image the planes are padded, and then every slot takes a range of tiles, or of outputs
-/// where tiles are few, through all three steps in blocks that stay in its cache. With one input channel per group the
+/// 36 instead of 144. For each image the planes are padded, and then all slots transform a block of tiles that stays in
+/// their caches, each for some channels, and take outputs through the other steps. With one input channel per group the
 /// transforms do not pay, and the sums are formed directly.
 class ConvCPUWINO : public ConvCPU {
  public:
@@ -31,14 +31,14 @@ class ConvCPUWINO : public ConvCPU {
     PaddedPlane padded;
     size_t padPlane;  // floats of a padded plane
     size_t tilesWide, tiles;
-    size_t tileBlock;      // tiles whose transforms are held at a time, a multiple of the vector length
+    size_t tileBlock;      // tiles whose transforms are held at a time, a multiple of the panel
+    size_t room;           // for so many: a few more, or all; a multiple of the vector length
     size_t outputBlock;    // outputs whose products are held at a time, a multiple of the panel
-    bool splitTiles;       // slots take panels of tiles, else panels of outputs
-    size_t panels;         // of either, in a group
+    size_t outputPanels;   // of a group
     size_t padFloats;      // of all planes, or of one per slot
-    size_t inputPlane;     // of one value: channels x tiles of a block, and some room
-    size_t productPlane;   // of one value: outputs x tiles of a block, and some room
-    size_t convertFloats;  // of one slot: those of all values
+    size_t inputPlane;     // of one value: channels x tiles, and some room
+    size_t productPlane;   // of one value: outputs x tiles, and some room
+    size_t convertFloats;  // those of all values
     size_t productFloats;  // of one slot: those of all values
   };
 
@@ -46,11 +46,12 @@ class ConvCPUWINO : public ConvCPU {
   int prepareWeights(const Block& weight);
 
   static void* padThreadFun(void* record);
-  static void* winoThreadFun(void* record);
-  void compute(const Work& work, size_t group, size_t firstTile, size_t endTile, size_t firstOutput,
-               size_t endOutput) const;
-  void transformInput(const Work& work, size_t group, size_t tile, size_t tiles, float* v) const;
-  void transformOutput(const Work& work, size_t output, size_t firstTile, size_t tiles, const float* p) const;
+  static void* transformThreadFun(void* record);
+  static void* multiplyThreadFun(void* record);
+  void forwardGroup(Work& work);
+  void transformInput(const Work& work, size_t channel) const;
+  void multiply(const Work& work, size_t output, size_t outputs) const;
+  void transformOutput(const Work& work, size_t output, const float* p) const;
 
   const WinogradKernels* winograd_ = nullptr;
   Plan plan_;
