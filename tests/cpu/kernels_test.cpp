@@ -322,7 +322,8 @@ TEST_P(KernelsTest, ConvolutionsOfPlanesWithoutZeros) {
   for (const size_t kernel : {3, 5}) {
     for (const size_t stride : {1, 2}) {
       for (size_t i = 0; i < 3 * kMaxLength; ++i) {
-        const size_t width = i + 1, height = i % 11 + 1, top = i % (kernel + 2);
+        const size_t width = i < 2 * kMaxLength ? i + 1 : 4 * (i - kMaxLength);
+        const size_t height = i % 11 + 1, top = i % (kernel + 2);
         const size_t left = i % 8 == 0 ? kMaxLength : i % (kernel + 1);
         if (height + 2 * top < kernel || width + 2 * left < kernel) continue;
         SCOPED_TRACE(std::to_string(kernel) + "x" + std::to_string(kernel) + ", stride " + std::to_string(stride) +

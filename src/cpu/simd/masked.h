@@ -43,14 +43,10 @@ struct MaskedColumns {
     return _mm512_mask_loadu_ps(outside, masks[i], x + offset(i));
   }
 
-  /// Asks for what will be met by ROWS rows of windows farther on.
-  template <int ROWS>
-  CORVALITH_INLINE static void prefetch(const float* x, size_t pitch) {
-#pragma GCC unroll 8
-    for (int i = 0; i < ROWS * STRIDE; ++i, x += pitch) {
+  /// Asks for what a row of windows farther on will meet.
+  CORVALITH_INLINE static void prefetch(const float* x) {
 #pragma GCC unroll 2
-      for (int n = 0; n < STRIDE; ++n) __builtin_prefetch(x + kPrefetched + n * kLanes);
-    }
+    for (int i = 0; i < STRIDE; ++i) __builtin_prefetch(x + kPrefetched + i * kLanes);
   }
 
   /// What tap i of each window meets.
@@ -71,6 +67,45 @@ struct MaskedColumns {
   template <int COUNT>
   CORVALITH_INLINE static V behind(V v, V next) {
     return (V)_mm512_alignr_epi32((__m512i)next, (__m512i)v, COUNT);
+  }
+
+  __mmask16 masks[kLoads];
+};
+
+/// The same where one vector holds all windows, which begin a column before the row: each column is loaded once.
+template <int STRIDE>
+struct NarrowRow {
+  using Columns = NarrowRow;
+  static constexpr int kLoads = STRIDE;
+
+  static bool suits(size_t count, size_t padding, size_t width) {
+    return count <= kLanes && padding == 1 && width <= kLanes * STRIDE - (STRIDE - 1);
+  }
+
+  explicit NarrowRow(size_t width) {
+    for (int i = 0; i < kLoads; ++i) masks[i] = lanesWithin(i * kLanes - (STRIDE - 1), static_cast<ptrdiff_t>(width));
+  }
+
+  CORVALITH_INLINE V load(const float* x, int i) const {
+    return _mm512_maskz_loadu_ps(masks[i], x + i * kLanes + (STRIDE == 1));
+  }
+  CORVALITH_INLINE static void prefetch(const float* x) { MaskedColumns<3, STRIDE>::prefetch(x); }
+  CORVALITH_INLINE static V tap(const V (&loaded)[kLoads], int i) {
+    using Other = MaskedColumns<3, STRIDE>;
+    if constexpr (STRIDE == 1) {
+      if (i == 0) return Other::template behind<15>(V{}, loaded[0]);
+      if (i == 1) return loaded[0];
+      return Other::template behind<1>(loaded[0], V{});
+    } else {
+      const V even = evenOnes(loaded[0], loaded[1]);
+      if (i == 0) return even;
+      if (i == 1) return oddOnes(loaded[0], loaded[1]);
+      return Other::template behind<1>(even, V{});
+    }
+  }
+  template <class Use>
+  CORVALITH_INLINE void forEach(Use use) const {
+    use(0, *this);
   }
 
   __mmask16 masks[kLoads];
