@@ -24,7 +24,7 @@ def options():
     parser = argparse.ArgumentParser(prog="bench/cpu/run", description=__doc__)
     parser.add_argument("--threads", type=int, default=1, help="threads of every engine, a core for each (1)")
     parser.add_argument("--runs", type=int, default=1, help="rounds; what is printed are their medians (1)")
-    parser.add_argument("--turns", type=int, default=5, help="turns of every engine in a round, of 4 runs each (5)")
+    parser.add_argument("--turns", type=int, default=5, help="turns of every engine in a round, of 4 runs or more (5)")
     parser.add_argument("--nets", default=",".join(networks.NETWORKS), help="names, separated by commas (all)")
     parser.add_argument("--json", metavar="FILE", help="write all figures, for plot.py")
     parser.add_argument("--check", action="store_true", help="fail where a limit of limits.json is exceeded")

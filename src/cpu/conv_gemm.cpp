@@ -11,7 +11,7 @@ namespace corvalith {
 namespace {
 
 constexpr size_t kBlockFloats = 64 * 1024;  // of columns: what a core's second-level cache holds beside others
-constexpr size_t kFewOutputs = 32;          // so few that columns are not read often enough to pack them
+constexpr size_t kFewOutputs = 64;          // so few that columns are not read often enough to pack them
 
 /// Rows of `depth` values as panels, as the product takes them; `to` may be `from`. `panel` has room for one of them.
 void packRows(const float* from, size_t rows, size_t depth, float* to, float* panel) {
