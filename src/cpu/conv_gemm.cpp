@@ -11,7 +11,10 @@ namespace corvalith {
 namespace {
 
 constexpr size_t kBlockFloats = 64 * 1024;  // of columns: what a core's second-level cache holds beside others
-constexpr size_t kFewOutputs = 64;          // so few that columns are not read often enough to pack them
+
+// So few outputs, and rather fewer where the rows of columns lie far apart, that columns are not read often enough to
+// pack them.
+constexpr size_t kFewOutputs = 64, kFewFarOutputs = 32, kFarApart = 64 * 64;
 
 /// Rows of `depth` values as panels, as the product takes them; `to` may be `from`. `panel` has room for one of them.
 void packRows(const float* from, size_t rows, size_t depth, float* to, float* panel) {
@@ -46,7 +49,7 @@ void ConvCPUGEMM::makePlan(const Shape& in, const Shape& out, const ConvParam& c
   p.splitRows = p.pixels < p.outputs;
   p.pointwise = conv.kernel_h == 1 && conv.kernel_w == 1 && conv.stride_h == 1 && conv.stride_w == 1 &&
                 conv.pad_h == 0 && conv.pad_w == 0;
-  p.inPlace = p.pointwise && !p.splitRows && p.outputs <= kFewOutputs;
+  p.inPlace = p.pointwise && !p.splitRows && p.outputs <= (p.inPlane > kFarApart ? kFewFarOutputs : kFewOutputs);
   p.padded = paddedPlane(in, conv, static_cast<size_t>(out.h));
   const size_t plane = planeFloats(p.padded);
   const size_t panelFloats = roundUp(p.depth * panelColumns + cpuKernels().lanes, kCacheLine);
